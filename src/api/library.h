@@ -1,0 +1,52 @@
+// The library object behind a qel_handle (spec Parts 1.1, 2.1): a thin owner
+// of the configuration, the room layouts and the conference model. Every
+// operation turns a quelora_exception into its code (Part 1.2).
+#pragma once
+
+#include "api/quelora_exception.h"
+#include "conference/conference.h"
+#include "config/library_configuration.h"
+#include "config/room_layout.h"
+#include "config/room_layout_loading.h"
+
+#include <quelora/quelora.h>
+
+#include <memory>
+
+struct qel_library {
+public:
+    // Part 2.1 steps 1-10; throws quelora_exception (or the JSON library's
+    // exception for a type error in a strict layout file).
+    qel_library(const char* room_layout_file, const char* websocket_configuration_file,
+                const qel_library_configuration& configuration, quelora::layout_loading mode);
+    ~qel_library();
+    qel_library(const qel_library&) = delete;
+    qel_library& operator=(const qel_library&) = delete;
+
+    const qel_library_configuration& configuration() const { return configuration_; }
+    const quelora::processing_sizes& sizes() const { return sizes_; }
+    const quelora::room_layout_set& layouts() const { return *layouts_; }
+    quelora::conference& conference() { return *conference_; }
+
+private:
+    qel_library_configuration configuration_{};
+    quelora::processing_sizes sizes_;
+    std::unique_ptr<quelora::room_layout_set> layouts_;
+    std::unique_ptr<quelora::conference> conference_;
+};
+
+namespace quelora {
+
+// Runs an operation of the library object: a quelora_exception becomes its
+// code (already logged); success is QEL_ERROR_NONE.
+template <typename Operation>
+int run_operation(Operation&& operation) {
+    try {
+        operation();
+        return QEL_ERROR_NONE;
+    } catch (const quelora_exception& e) {
+        return e.error_code();
+    }
+}
+
+} // namespace quelora

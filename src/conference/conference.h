@@ -1,0 +1,77 @@
+// The conference model of one library (spec Parts 3.1 to 3.5): the room map
+// under the library's reader/writer lock, and the notification and success
+// log line that follow every change. Operations throw quelora_exception; the
+// library object turns it into a code.
+#pragma once
+
+#include "conference/event_notifier.h"
+#include "conference/room.h"
+#include "config/room_layout.h"
+
+#include <quelora/quelora.h>
+
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+namespace quelora {
+
+inline constexpr size_t reserved_rooms = 200;
+
+class conference {
+public:
+    // layouts and audio_configuration must outlive the conference.
+    conference(const room_layout_set& layouts, const qel_library_configuration& audio_configuration);
+    ~conference();
+    conference(const conference&) = delete;
+    conference& operator=(const conference&) = delete;
+
+    void add_event_manager(qel_event_manager_t* table) { events_.add(table); }
+
+    // ---- rooms (conference_rooms.cpp)
+    void create_room(int32_t room_id);
+    void destroy_room(int32_t room_id);
+    int32_t room_count() const;
+    void set_room_layout(int32_t room_id, int32_t layout_id);
+    int32_t room_layout(int32_t room_id) const;
+
+    // ---- participants (conference_participants.cpp)
+    void add_participant(int32_t room_id, int32_t participant_id, const char* name,
+                         const qel_participant_configuration& configuration);
+    void remove_participant(int32_t room_id, int32_t participant_id);
+    // Writes 0 and rethrows when the room does not exist (Part 3.2).
+    int32_t participant_count(int32_t room_id) const;
+    qel_participant_configuration participant_configuration(int32_t room_id,
+                                                            int32_t participant_id) const;
+    void set_participant_name(int32_t room_id, int32_t participant_id, const char* name);
+    void copy_participant_name(int32_t room_id, int32_t participant_id, char* buffer,
+                               int buffer_length) const;
+    void flush(int32_t room_id, int32_t participant_id) const;
+
+    // ---- places (conference_places.cpp)
+    void set_participant_seat(int32_t room_id, int32_t participant_id, int32_t seat_index);
+    place participant_place(int32_t room_id, int32_t participant_id) const;
+    void set_participant_position(int32_t room_id, int32_t participant_id,
+                                  const qel_position& position, const qel_heading& heading);
+    source_direction participant_spherical(int32_t room_id, int32_t listener_id,
+                                           int32_t source_id) const;
+
+    // ---- state (conference_places.cpp)
+    void set_participant_state(int32_t room_id, int32_t participant_id, int32_t control,
+                               int32_t value);
+    void set_all_participants_state(int32_t room_id, int32_t control, int32_t value);
+    int32_t participant_state(int32_t room_id, int32_t participant_id, int32_t control) const;
+
+private:
+    // Room lookup of Part 3.1; call with the library lock held.
+    room& find_room(int32_t room_id) const;
+
+    const room_layout_set& layouts_;
+    const qel_library_configuration& audio_configuration_;
+    mutable std::shared_mutex library_lock_;
+    std::unordered_map<int32_t, std::unique_ptr<room>> rooms_;
+    event_notifier events_;
+};
+
+} // namespace quelora

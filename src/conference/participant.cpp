@@ -1,0 +1,73 @@
+#include "conference/participant.h"
+
+#include "api/quelora_exception.h"
+
+namespace quelora {
+
+int32_t required_input_frames(int32_t output_frames, int32_t input_rate, int32_t output_rate) {
+    // The ratio is formed first, in single precision: this is the order under
+    // which a 44100 Hz input to a 48000 Hz library yields 440 frames and fails
+    // the ratio test, as Part 3.2 requires (docs/design.md).
+    const float frames = static_cast<float>(output_frames) *
+                         (static_cast<float>(input_rate) / static_cast<float>(output_rate));
+    if (!(frames > -2.0e9f && frames < 2.0e9f)) return -1;
+    return static_cast<int32_t>(frames);
+}
+
+namespace {
+
+// Part 3.2 step 3d: the frame test of Part 2.1 applied to the input rate and
+// the frames a call at that rate carries.
+bool is_integer_ratio(int32_t input_rate, const qel_library_configuration& audio) {
+    if (input_rate <= 0) return false;
+    const int32_t frames =
+        required_input_frames(audio.output_number_frames, input_rate, audio.output_sampling_rate);
+    return is_accepted_processing_length(frames_at_processing_rate(input_rate, frames));
+}
+
+} // namespace
+
+participant::participant(int32_t id, std::string name,
+                         const qel_participant_configuration& configuration,
+                         const qel_library_configuration& audio_configuration,
+                         size_t expected_room_size)
+    : id_(id), configuration_(configuration), audio_configuration_(audio_configuration),
+      identity_(std::move(name)) {
+    if (configuration.input_number_channels != 1 && configuration.input_number_channels != 2) {
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_NUM_CHANNELS,
+                                "You provided %i but Quelora currently only supports 1 or 2 "
+                                "channel input for new participants",
+                                configuration.input_number_channels);
+    }
+    if (configuration.participant_type < QEL_PARTICIPANT_REGULAR ||
+        configuration.participant_type > QEL_PARTICIPANT_LISTENER_ONLY) {
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_PARTICIPANT_TYPE, "%s",
+                                "Must pick Regular, source only, or listener only for a new "
+                                "participant");
+    }
+    const int32_t input_rate = configuration.input_sampling_rate;
+    if (!is_integer_ratio(input_rate, audio_configuration)) {
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_SAMPLE_RATE,
+                                "You provided %i but you must make input sampling rate an integer "
+                                "ratio of the output sampling rate %i",
+                                input_rate, audio_configuration.output_sampling_rate);
+    }
+    if (input_rate > processing_rate) {
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_SAMPLE_RATE,
+                                "You provided %i but the Quelora library does not support "
+                                "sampling rates above %i",
+                                input_rate, processing_rate);
+    }
+    required_input_frames_ = quelora::required_input_frames(
+        audio_configuration.output_number_frames, input_rate,
+        audio_configuration.output_sampling_rate);
+    processing_frames_ = frames_at_processing_rate(audio_configuration.output_sampling_rate,
+                                                   audio_configuration.output_number_frames);
+    if (!is_source_only()) {
+        listener_ = std::make_unique<listener_engine>(processing_frames_, expected_room_size);
+    }
+    // The input side (resampler, cancellers, AGC, auto EQ, shaping) is built
+    // here by the audio path (docs/status.md).
+}
+
+} // namespace quelora

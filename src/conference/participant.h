@@ -1,0 +1,59 @@
+// One talker and/or listener of a room (spec Part 3.2).
+#pragma once
+
+#include "audio/listener_engine.h"
+#include "conference/participant_identity.h"
+#include "config/library_configuration.h"
+
+#include <quelora/quelora.h>
+
+#include <memory>
+#include <string>
+
+namespace quelora {
+
+// Frames per call at the input rate: output frames x (input rate / output
+// rate) in single precision, truncated (docs/design.md explains the order).
+int32_t required_input_frames(int32_t output_frames, int32_t input_rate, int32_t output_rate);
+
+class participant {
+public:
+    // Validates the configuration in the order of Part 3.2 step 3 and builds
+    // the sides its type needs; throws quelora_exception on the first failure.
+    participant(int32_t id, std::string name, const qel_participant_configuration& configuration,
+                const qel_library_configuration& audio_configuration,
+                size_t expected_room_size);
+
+    int32_t id() const { return id_; }
+    const qel_participant_configuration& configuration() const { return configuration_; }
+    int32_t channels() const { return configuration_.input_number_channels; }
+    bool is_source_only() const { return configuration_.participant_type == QEL_PARTICIPANT_SOURCE_ONLY; }
+    bool is_listener_only() const {
+        return configuration_.participant_type == QEL_PARTICIPANT_LISTENER_ONLY;
+    }
+    // Input side with an input resampler: heard participants whose input rate
+    // is not 48000 (Part 3.2 step 3f). Part 3.4's auto EQ rule reads this.
+    bool has_input_resampler() const {
+        return !is_listener_only() && configuration_.input_sampling_rate != processing_rate;
+    }
+    const qel_library_configuration& audio_configuration() const { return audio_configuration_; }
+    int32_t required_input_frames() const { return required_input_frames_; }
+    int32_t processing_frames() const { return processing_frames_; }
+
+    participant_identity& identity() { return identity_; }
+    const participant_identity& identity() const { return identity_; }
+    // Null for source-only participants.
+    listener_engine* listener() { return listener_.get(); }
+    const listener_engine* listener() const { return listener_.get(); }
+
+private:
+    int32_t id_;
+    qel_participant_configuration configuration_;
+    qel_library_configuration audio_configuration_; // copied at creation, never updated
+    int32_t required_input_frames_ = 0;
+    int32_t processing_frames_ = 0;
+    participant_identity identity_;
+    std::unique_ptr<listener_engine> listener_;
+};
+
+} // namespace quelora

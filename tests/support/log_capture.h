@@ -1,0 +1,41 @@
+// A qel_logger_handler that records every line, installed for one test's
+// lifetime with logging enabled at VERBOSE; restores the defaults after.
+#pragma once
+
+#include <quelora/qel_logger.h>
+
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quelora::testing {
+
+struct log_line {
+    qel_log_level level;
+    std::string message;
+};
+
+class log_capture : public qel_logger_handler {
+public:
+    explicit log_capture(qel_log_level threshold = QEL_LOG_VERBOSE);
+    ~log_capture() override;
+    log_capture(const log_capture&) = delete;
+    log_capture& operator=(const log_capture&) = delete;
+
+    void handle(qel_log_level level, const char* message) override;
+
+    std::vector<log_line> lines() const;
+    std::vector<std::string> messages() const;
+    // Messages at one level only.
+    std::vector<std::string> messages_at(qel_log_level level) const;
+    bool contains(const std::string& message) const;
+    size_t count(const std::string& message) const;
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<log_line> lines_;
+};
+
+} // namespace quelora::testing
