@@ -35,12 +35,21 @@
 #define QEL_API
 #endif
 
+/* In C++ the enumerations get a fixed 32-bit underlying type, so that every
+ * value a C host may pass (5 as a log level, 17 as a control) is a valid
+ * value of the type; in C they are int, the same 32 bits. */
+#ifdef __cplusplus
+#define QEL_ENUM(name) enum name : int32_t
+#else
+#define QEL_ENUM(name) enum name
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 /* Error codes (spec Part 1.2). -9988 and -9980 deliberately have no name. */
-typedef enum qel_error_code {
+typedef QEL_ENUM(qel_error_code) {
     QEL_ERROR_NONE = -10000,
     QEL_ERROR_HANDLE_NULL = -9999,
     QEL_ERROR_DATA_NULL = -9998,
@@ -59,7 +68,7 @@ typedef enum qel_error_code {
 } qel_error_code;
 
 /* Log levels (spec Part 1.3). */
-typedef enum qel_log_level {
+typedef QEL_ENUM(qel_log_level) {
     QEL_LOG_VERBOSE = 0,
     QEL_LOG_DEBUG = 1,
     QEL_LOG_INFO = 2,
@@ -68,7 +77,7 @@ typedef enum qel_log_level {
 } qel_log_level;
 
 /* Audio controls (spec Part 1.4). 17 is "not a control". */
-typedef enum qel_audio_control {
+typedef QEL_ENUM(qel_audio_control) {
     QEL_CONTROL_STEREO_BYPASS_ENABLE = 1,
     QEL_CONTROL_MUTE_ENABLE = 2,
     QEL_CONTROL_ANC_ENABLE = 3,
@@ -87,12 +96,12 @@ typedef enum qel_audio_control {
     QEL_CONTROL_SIDEBAR_ROOM = 16
 } qel_audio_control;
 
-typedef enum qel_device_types {
+typedef QEL_ENUM(qel_device_types) {
     QEL_DEVICE_HEADPHONE = 1,
     QEL_DEVICE_SPEAKER = 2
 } qel_device_types;
 
-typedef enum qel_participant_type {
+typedef QEL_ENUM(qel_participant_type) {
     QEL_PARTICIPANT_REGULAR = 1,
     QEL_PARTICIPANT_SOURCE_ONLY = 2,
     QEL_PARTICIPANT_LISTENER_ONLY = 3
