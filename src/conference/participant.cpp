@@ -5,12 +5,14 @@
 namespace quelora {
 
 int32_t required_input_frames(int32_t output_frames, int32_t input_rate, int32_t output_rate) {
-    // The ratio is formed first, in single precision: this is the order under
-    // which a 44100 Hz input to a 48000 Hz library yields 440 frames and fails
-    // the ratio test, as Part 3.2 requires (docs/design.md).
-    const float frames = static_cast<float>(output_frames) *
-                         (static_cast<float>(input_rate) / static_cast<float>(output_rate));
-    if (!(frames > -2.0e9f && frames < 2.0e9f)) return -1;
+    // The rate ratio is formed in single precision and the product taken
+    // exactly (in double): under this order a 44100 Hz input to a 48000 Hz
+    // library yields 440 frames (0.91875 rounds down in float) and fails the
+    // ratio test, as Part 3.2 requires, while 8000..48000 Hz inputs give
+    // their exact frame counts (docs/design.md).
+    const float ratio = static_cast<float>(input_rate) / static_cast<float>(output_rate);
+    const double frames = static_cast<double>(output_frames) * static_cast<double>(ratio);
+    if (!(frames > -2.0e9 && frames < 2.0e9)) return -1;
     return static_cast<int32_t>(frames);
 }
 
