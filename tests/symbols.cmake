@@ -1,0 +1,5 @@
+# The shared library exports the qel_* functions of quelora.h and the two
+# logger classes only, and defines every control-plane function.
+add_test(NAME exported_symbols
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/check_symbols.sh
+          $<TARGET_FILE:quelora> ${PROJECT_SOURCE_DIR}/include/quelora/quelora.h)
