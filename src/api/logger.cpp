@@ -1,6 +1,8 @@
 // The process-wide logger (spec Part 1.3).
 #include <quelora/qel_logger.h>
 
+#include "api/format_message.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -66,14 +68,9 @@ void qel_logger::log(qel_log_level level, const char* format, ...) {
     }
     va_list args;
     va_start(args, format);
-    va_list measure;
-    va_copy(measure, args);
-    const int length = std::vsnprintf(nullptr, 0, format, measure);
-    va_end(measure);
-    std::vector<char> buffer(static_cast<size_t>(length < 0 ? 0 : length) + 1, '\0');
-    std::vsnprintf(buffer.data(), buffer.size(), format, args);
+    const std::vector<char> message = quelora::format_message(format, args);
     va_end(args);
-    handler_->handle(level, buffer.data());
+    handler_->handle(level, message.data());
 }
 
 std::string qel_logger::to_string(qel_log_level level) {
