@@ -17,7 +17,7 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include "support/call_site.h"
+#include "support/log_expect.h"
 #include <string>
 #include <thread>
 #include <utility>
@@ -144,13 +144,7 @@ std::vector<std::string> slots_of(const std::vector<event_call>& calls) {
     return out;
 }
 
-std::string describe(const std::vector<log_line>& lines) {
-    std::string out;
-    for (const auto& line : lines) {
-        out += "\n    [" + std::to_string(static_cast<int>(line.level)) + "] " + line.message;
-    }
-    return out.empty() ? " (none)" : out;
-}
+using quelora::testing::describe;
 
 // Runs one operation that must succeed with exactly one information line
 // and exactly one callback, and checks that the callback ran before the line

@@ -10,7 +10,7 @@
 
 #include <cstdint>
 #include <cstring>
-#include "support/call_site.h"
+#include "support/log_expect.h"
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,50 +23,11 @@ using quelora::testing::log_capture;
 using quelora::testing::log_line;
 using quelora::testing::regular;
 
-log_line info(const std::string& message) { return {QEL_LOG_INFO, message}; }
-log_line warning(const std::string& message) { return {QEL_LOG_WARNING, message}; }
-log_line error(const std::string& message) { return {QEL_LOG_ERROR, message}; }
-
-std::string describe(const std::vector<log_line>& lines) {
-    std::string out;
-    for (const auto& line : lines) {
-        out += "\n    [" + std::to_string(static_cast<int>(line.level)) + "] " + line.message;
-    }
-    return out.empty() ? " (none)" : out;
-}
-
-void check_lines(const std::vector<log_line>& got, const std::vector<log_line>& expected) {
-    bool same = got.size() == expected.size();
-    for (size_t i = 0; same && i < got.size(); ++i) {
-        same = got[i].level == expected[i].level && got[i].message == expected[i].message;
-    }
-    EXPECT_TRUE(same) << "expected lines:" << describe(expected)
-                      << "\nactual lines:" << describe(got);
-}
-
-// Runs one call on a cleared log and checks its code and that it logged
-// exactly `expected` (level and text, in order).
-template <typename Call>
-void expect_call(log_capture& log, int code, const std::vector<log_line>& expected, Call&& call,
-                 quelora::testing::call_site where = quelora::testing::call_site::current()) {
-    ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "expect_call");
-    log.clear();
-    EXPECT_EQ(call(), code);
-    check_lines(log.lines(), expected);
-}
-
-// As expect_call, for failures whose log level the spec leaves open: checks
-// the code and that exactly one line with this text was logged.
-template <typename Call>
-void expect_failure_message(log_capture& log, int code, const std::string& message, Call&& call,
-                            quelora::testing::call_site where = quelora::testing::call_site::current()) {
-    ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()),
-                                 "expect_failure_message");
-    log.clear();
-    EXPECT_EQ(call(), code);
-    const std::vector<std::string> got = log.messages();
-    EXPECT_EQ(got, std::vector<std::string>{message}) << "actual lines:" << describe(log.lines());
-}
+using quelora::testing::expect_call;
+using quelora::testing::expect_failure_message;
+using quelora::testing::info;
+using quelora::testing::warning;
+using quelora::testing::error;
 
 qel_participant_configuration configuration(int32_t rate, int32_t channels, int32_t type) {
     return qel_participant_configuration{rate, channels, type};

@@ -10,7 +10,7 @@
 
 #include <cstdint>
 #include <functional>
-#include "support/call_site.h"
+#include "support/log_expect.h"
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,34 +26,11 @@ using quelora::testing::regular;
 // Room ids travel as uint32_t; negative ids are their two's complement casts.
 constexpr uint32_t id_of(int32_t id) { return static_cast<uint32_t>(id); }
 
-log_line info(const std::string& message) { return {QEL_LOG_INFO, message}; }
-log_line warning(const std::string& message) { return {QEL_LOG_WARNING, message}; }
-log_line error(const std::string& message) { return {QEL_LOG_ERROR, message}; }
-
-std::string describe(const std::vector<log_line>& lines) {
-    std::string out;
-    for (const auto& line : lines) {
-        out += "\n    [" + std::to_string(static_cast<int>(line.level)) + "] " + line.message;
-    }
-    return out.empty() ? " (none)" : out;
-}
-
-// Runs one call on a cleared log and checks its code and that it logged
-// exactly `expected` (level and text, in order).
-template <typename Call>
-void expect_call(log_capture& log, int code, const std::vector<log_line>& expected, Call&& call,
-                 quelora::testing::call_site where = quelora::testing::call_site::current()) {
-    ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "expect_call");
-    log.clear();
-    EXPECT_EQ(call(), code);
-    const std::vector<log_line> got = log.lines();
-    bool same = got.size() == expected.size();
-    for (size_t i = 0; same && i < got.size(); ++i) {
-        same = got[i].level == expected[i].level && got[i].message == expected[i].message;
-    }
-    EXPECT_TRUE(same) << "expected lines:" << describe(expected)
-                      << "\nactual lines:" << describe(got);
-}
+using quelora::testing::describe;
+using quelora::testing::expect_call;
+using quelora::testing::info;
+using quelora::testing::warning;
+using quelora::testing::error;
 
 int room_count(qel_handle handle) {
     int count = -1;
