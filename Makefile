@@ -15,7 +15,7 @@ TSAN_DIR := build-tsan
 
 # libFuzzer targets run by `make sanitize`: build-asan/tests/fuzz/<name>_fuzzer
 # over a copy of tests/fuzz/corpus/<name>.
-FUZZERS := room_layout
+FUZZERS := room_layout api_sequence
 FUZZ_SECONDS ?= 60
 
 ASAN_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
