@@ -21,7 +21,9 @@ using quelora::testing::four_seat_layouts_json;
 using quelora::testing::library_handle;
 using quelora::testing::log_capture;
 using quelora::testing::log_line;
+using quelora::testing::participant_count;
 using quelora::testing::regular;
+using quelora::testing::state_of;
 
 using quelora::testing::expect_call;
 using quelora::testing::expect_failure_message;
@@ -62,12 +64,6 @@ std::string above_message(int rate) {
            " but the Quelora library does not support sampling rates above 48000";
 }
 
-int participant_count(qel_handle handle, uint32_t room) {
-    int count = -1;
-    EXPECT_EQ(qel_get_participant_count(handle, room, &count), QEL_ERROR_NONE);
-    return count;
-}
-
 qel_participant_configuration configuration_of(qel_handle handle, uint32_t room,
                                                uint32_t participant) {
     qel_participant_configuration got{-7, -7, -7};
@@ -90,13 +86,6 @@ std::string name_of(qel_handle handle, uint32_t room, uint32_t participant) {
     EXPECT_EQ(qel_get_participant_name(handle, room, participant, buffer, sizeof buffer - 1),
               QEL_ERROR_NONE);
     return buffer;
-}
-
-int state_of(qel_handle handle, uint32_t room, uint32_t participant, qel_audio_control control) {
-    int value = -12345;
-    EXPECT_EQ(qel_get_participant_state(handle, room, participant, control, &value),
-              QEL_ERROR_NONE);
-    return value;
 }
 
 void add(qel_handle handle, uint32_t room, uint32_t participant,

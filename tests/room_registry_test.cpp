@@ -21,7 +21,11 @@ using quelora::testing::four_seat_layouts_json;
 using quelora::testing::library_handle;
 using quelora::testing::log_capture;
 using quelora::testing::log_line;
+using quelora::testing::participant_count;
 using quelora::testing::regular;
+using quelora::testing::room_count;
+using quelora::testing::seat_of;
+using quelora::testing::state_of;
 
 // Room ids travel as uint32_t; negative ids are their two's complement casts.
 constexpr uint32_t id_of(int32_t id) { return static_cast<uint32_t>(id); }
@@ -32,35 +36,10 @@ using quelora::testing::info;
 using quelora::testing::warning;
 using quelora::testing::error;
 
-int room_count(qel_handle handle) {
-    int count = -1;
-    EXPECT_EQ(qel_get_room_count(handle, &count), QEL_ERROR_NONE);
-    return count;
-}
-
-int participant_count(qel_handle handle, uint32_t room) {
-    int count = -1;
-    EXPECT_EQ(qel_get_participant_count(handle, room, &count), QEL_ERROR_NONE);
-    return count;
-}
-
 int layout_of(qel_handle handle, uint32_t room) {
     int layout = -12345;
     EXPECT_EQ(qel_get_room_layout(handle, room, &layout), QEL_ERROR_NONE);
     return layout;
-}
-
-int state_of(qel_handle handle, uint32_t room, uint32_t participant, qel_audio_control control) {
-    int value = -12345;
-    EXPECT_EQ(qel_get_participant_state(handle, room, participant, control, &value),
-              QEL_ERROR_NONE);
-    return value;
-}
-
-qel_seat seat_of(qel_handle handle, uint32_t room, uint32_t participant) {
-    qel_seat seat{-12345, -12345, -12345, -12345, -12345, -12345};
-    EXPECT_EQ(qel_get_participant_seat(handle, room, participant, &seat), QEL_ERROR_NONE);
-    return seat;
 }
 
 int32_t distance_between(qel_handle handle, uint32_t room, uint32_t listener, uint32_t source) {

@@ -55,12 +55,6 @@ void expect_spherical(qel_handle h, uint32_t room_id, uint32_t listener, uint32_
     EXPECT_EQ(s.distance, distance);
 }
 
-qel_seat get_seat(qel_handle h, uint32_t room_id, uint32_t participant) {
-    qel_seat seat{-7, -7, -7, -7, -7, -7};
-    EXPECT_EQ(qel_get_participant_seat(h, room_id, participant, &seat), QEL_ERROR_NONE);
-    return seat;
-}
-
 void expect_seat(const qel_seat& got, const qel_seat& want) {
     EXPECT_EQ(got.seat_index, want.seat_index);
     EXPECT_EQ(got.x, want.x);
@@ -73,7 +67,7 @@ void expect_seat(const qel_seat& got, const qel_seat& want) {
 void expect_participant_seat(qel_handle h, uint32_t room_id, uint32_t participant,
                              const qel_seat& want) {
     SCOPED_TRACE(::testing::Message() << "participant " << participant);
-    expect_seat(get_seat(h, room_id, participant), want);
+    expect_seat(qt::seat_of(h, room_id, participant), want);
 }
 
 int add(qel_handle h, uint32_t room_id, uint32_t participant,
@@ -311,7 +305,7 @@ TEST(Part3_3_Seats, HugeSeatIndexIsAcceptedAndPlacedByStacking) {
         qt::library_handle lib = four_seat_library(10);
         ASSERT_EQ(add(lib, room, 1), QEL_ERROR_NONE);
         EXPECT_EQ(qel_set_participant_seat(lib, room, 1, 2000000000), QEL_ERROR_NONE);
-        const qel_seat seat = get_seat(lib, room, 1);
+        const qel_seat seat = qt::seat_of(lib, room, 1);
         EXPECT_EQ(seat.seat_index, 2000000000);
         EXPECT_EQ(seat.x, -100);
         EXPECT_EQ(seat.y, 0);

@@ -40,6 +40,30 @@ library_handle::~library_handle() {
     }
 }
 
+int room_count(qel_handle handle) {
+    int count = -1;
+    EXPECT_EQ(qel_get_room_count(handle, &count), QEL_ERROR_NONE);
+    return count;
+}
+
+int participant_count(qel_handle handle, uint32_t room) {
+    int count = -1;
+    EXPECT_EQ(qel_get_participant_count(handle, room, &count), QEL_ERROR_NONE);
+    return count;
+}
+
+int state_of(qel_handle handle, uint32_t room, uint32_t participant, qel_audio_control control) {
+    int value = -12345;
+    EXPECT_EQ(qel_get_participant_state(handle, room, participant, control, &value), QEL_ERROR_NONE);
+    return value;
+}
+
+qel_seat seat_of(qel_handle handle, uint32_t room, uint32_t participant) {
+    qel_seat seat{-12345, -12345, -12345, -12345, -12345, -12345};
+    EXPECT_EQ(qel_get_participant_seat(handle, room, participant, &seat), QEL_ERROR_NONE);
+    return seat;
+}
+
 std::string four_seat_layouts_json() {
     return R"({
   "default": "closed",

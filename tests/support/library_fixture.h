@@ -42,6 +42,13 @@ private:
     int error_ = 0;
 };
 
+// Queries that must succeed (a failure is reported as a test failure); the
+// returned value is a sentinel then.
+int room_count(qel_handle handle);
+int participant_count(qel_handle handle, uint32_t room);
+int state_of(qel_handle handle, uint32_t room, uint32_t participant, qel_audio_control control);
+qel_seat seat_of(qel_handle handle, uint32_t room, uint32_t participant);
+
 // A closed layout with four seats on a circle of radius 100 around the
 // origin, ids 10 (no stacking, stackDelta 50) and 20 (stacking allowed),
 // plus an open layout with id 30; default "closed".
