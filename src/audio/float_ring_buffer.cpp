@@ -1,0 +1,81 @@
+#include "audio/float_ring_buffer.h"
+
+#include <cstddef>
+#include <cstring>
+#include <stdexcept>
+
+namespace quelora {
+
+namespace {
+
+// The largest capacity whose storage index still fits the int32 frame
+// counts of the interface.
+constexpr int32_t maximum_capacity = int32_t{1} << 30;
+
+int32_t round_up_to_power_of_two(int32_t frames) {
+    int32_t capacity = 1;
+    while (capacity < frames) capacity <<= 1;
+    return capacity;
+}
+
+void copy_floats(const float* source, float* destination, uint32_t count) {
+    if (count != 0) std::memcpy(destination, source, static_cast<size_t>(count) * sizeof(float));
+}
+
+} // namespace
+
+float_ring_buffer::float_ring_buffer(int32_t channels, int32_t minimum_frames)
+    : channels_(channels), capacity_(0), mask_(0) {
+    if (channels < 1) throw std::invalid_argument("float_ring_buffer: channels must be >= 1");
+    if (minimum_frames < 1 || minimum_frames > maximum_capacity)
+        throw std::invalid_argument("float_ring_buffer: minimum_frames out of range");
+    capacity_ = round_up_to_power_of_two(minimum_frames);
+    mask_ = static_cast<uint32_t>(capacity_) - 1u;
+    storage_.assign(static_cast<size_t>(channels_) * static_cast<size_t>(capacity_), 0.0f);
+}
+
+int32_t float_ring_buffer::frames_available() const {
+    return static_cast<int32_t>(write_position_ - read_position_);
+}
+
+int32_t float_ring_buffer::frames_free() const { return capacity_ - frames_available(); }
+
+int32_t float_ring_buffer::write(const float* source, int32_t source_stride, int32_t frames) {
+    if (frames <= 0 || frames > frames_free()) return 0;
+    // A block crosses the end of the ring at most once: copy it in two parts.
+    const uint32_t start = static_cast<uint32_t>(write_position_) & mask_;
+    const uint32_t count = static_cast<uint32_t>(frames);
+    const uint32_t first = count < static_cast<uint32_t>(capacity_) - start
+                               ? count
+                               : static_cast<uint32_t>(capacity_) - start;
+    for (int32_t c = 0; c < channels_; ++c) {
+        const float* from = source + static_cast<ptrdiff_t>(c) * source_stride;
+        float* ring = storage_.data() + static_cast<size_t>(c) * static_cast<size_t>(capacity_);
+        copy_floats(from, ring + start, first);
+        copy_floats(from + first, ring, count - first);
+    }
+    write_position_ += count;
+    return frames;
+}
+
+int32_t float_ring_buffer::read(float* destination, int32_t destination_stride, int32_t frames) {
+    if (frames <= 0 || frames > frames_available()) return 0;
+    const uint32_t start = static_cast<uint32_t>(read_position_) & mask_;
+    const uint32_t count = static_cast<uint32_t>(frames);
+    const uint32_t first = count < static_cast<uint32_t>(capacity_) - start
+                               ? count
+                               : static_cast<uint32_t>(capacity_) - start;
+    for (int32_t c = 0; c < channels_; ++c) {
+        float* to = destination + static_cast<ptrdiff_t>(c) * destination_stride;
+        const float* ring =
+            storage_.data() + static_cast<size_t>(c) * static_cast<size_t>(capacity_);
+        copy_floats(ring + start, to, first);
+        copy_floats(ring, to + first, count - first);
+    }
+    read_position_ += count;
+    return frames;
+}
+
+void float_ring_buffer::clear() { read_position_ = write_position_; }
+
+} // namespace quelora
