@@ -8,14 +8,10 @@
 #    - a member of qel_logger or qel_logger_handler,
 #    - typeinfo / typeinfo name / vtable of qel_logger or qel_logger_handler,
 #    - a linker-defined symbol: _edata _end __bss_start _init _fini.
-# 2. Every C function of quelora.h except those matching REQUIRED_EXCLUDE
-#    (the audio input/output functions, which land with the audio path) must
-#    be defined.
+# 2. Every C function of quelora.h must be defined.
 # Prints the offending symbols and exits 1 on any failure.
 set -euo pipefail
 
-# Declared functions that need not be defined yet (extended regex; empty: none).
-REQUIRED_EXCLUDE='^qel_(input|output)_audio_'
 EXPECTED_DECLARED=41
 
 NM=${NM:-nm}
@@ -72,17 +68,9 @@ fi
 
 missing=()
 for name in "${declared[@]}"; do
-    if [ -n "$REQUIRED_EXCLUDE" ] && [[ $name =~ $REQUIRED_EXCLUDE ]]; then
-        continue
-    fi
     [ -n "${is_defined[$name]:-}" ] || missing+=("$name")
 done
-required_count=0
-for name in "${declared[@]}"; do
-    if [ -z "$REQUIRED_EXCLUDE" ] || ! [[ $name =~ $REQUIRED_EXCLUDE ]]; then
-        required_count=$((required_count + 1))
-    fi
-done
+required_count=${#declared[@]}
 if [ ${#missing[@]} -gt 0 ]; then
     echo "check_symbols: ${#missing[@]} of $required_count required function(s) not defined in $lib:"
     printf '  %s\n' "${missing[@]}"

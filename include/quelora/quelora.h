@@ -225,9 +225,16 @@ QEL_API int qel_set_all_participants_state(qel_handle handle, uint32_t room_id,
 QEL_API int qel_flush_data(qel_handle handle, uint32_t room_id, uint32_t participant_id);
 
 /* ---- Audio (spec Parts 4.1, 4.2) ----------------------------------------
- * Declared for the whole interface; their implementation lands with the
- * audio path (see docs/status.md): this build of libquelora.so does not
- * define them yet. */
+ * For each participant and block period: one input call with exactly the
+ * participant's required input frames (output frames x input rate / output
+ * rate) of input_number_channels channels, and one output call that fills
+ * output_number_frames x output_number_channels samples. Two-channel blocks
+ * are L R L R ... when the library's interleaved flag is set, else all left
+ * then all right samples. The library keeps no pointer to either buffer.
+ * Any thread may call; calls for different participants run in parallel,
+ * calls for one participant are serialised. An output call returns
+ * QEL_ERROR_NO_INPUT_AUDIO, with silence in the buffer, when no source had
+ * a block for this listener. */
 QEL_API int qel_input_audio_short(qel_handle handle, uint32_t room_id, uint32_t participant_id,
                                   const int16_t* samples, int number_frames);
 QEL_API int qel_input_audio_float(qel_handle handle, uint32_t room_id, uint32_t participant_id,

@@ -1,11 +1,23 @@
 #include "audio/listener_engine.h"
 
+#include "dsp/vector_ops.h"
+
 #include <algorithm>
 
 namespace quelora {
 
 listener_engine::listener_engine(int32_t frames, size_t expected_sources) : frames_(frames) {
     slots_.reserve(expected_sources);
+    render_view_.reserve(expected_sources);
+}
+
+listener_engine::~listener_engine() {
+    // Queues are singly linked through unique_ptr: unlink iteratively so a
+    // long queue cannot overflow the stack on destruction.
+    for (source_slot& slot : slots_) discard_queue(slot);
+    for (source_slot& slot : slots_) {
+        while (slot.free_nodes) slot.free_nodes = std::move(slot.free_nodes->next);
+    }
 }
 
 listener_engine::source_slot* listener_engine::find(int32_t source_id) {
@@ -19,25 +31,158 @@ const listener_engine::source_slot* listener_engine::find(int32_t source_id) con
 }
 
 void listener_engine::add_source(int32_t source_id, int32_t channels) {
+    source_slot slot;
+    slot.source_id = source_id;
+    slot.channels = channels;
     std::lock_guard lock(mutex_);
-    slots_.push_back({source_id, channels, {}});
+    slots_.push_back(std::move(slot));
+    render_view_.reserve(slots_.size());
 }
 
 void listener_engine::remove_source(int32_t source_id) {
     std::lock_guard lock(mutex_);
+    source_slot* slot = find(source_id);
+    if (slot == nullptr) return;
+    discard_queue(*slot);
+    slot->popped.reset();
+    while (slot->free_nodes) slot->free_nodes = std::move(slot->free_nodes->next);
     std::erase_if(slots_, [&](const source_slot& s) { return s.source_id == source_id; });
+}
+
+void listener_engine::discard_queue(source_slot& slot) {
+    while (slot.head) {
+        std::unique_ptr<queue_node> node = std::move(slot.head);
+        slot.head = std::move(node->next);
+        node->next = std::move(slot.free_nodes);
+        slot.free_nodes = std::move(node);
+    }
+    slot.tail = nullptr;
+    slot.queued = 0;
+    slot.has_new = false;
 }
 
 bool listener_engine::flush_source(int32_t source_id) {
     std::lock_guard lock(mutex_);
-    // No audio is queued in a slot until the audio path lands (docs/status.md);
-    // the lookup is what the control plane owns here.
-    return find(source_id) != nullptr;
+    source_slot* slot = find(source_id);
+    if (slot == nullptr) return false;
+    discard_queue(*slot);
+    return true;
 }
 
 void listener_engine::flush() {
     std::lock_guard lock(mutex_);
-    // As flush_source: the slots hold no queued audio yet (docs/status.md).
+    for (source_slot& slot : slots_) discard_queue(slot);
+    if (renderer_) renderer_->reset();
+}
+
+std::unique_ptr<listener_engine::queue_node> listener_engine::take_node(source_slot& slot) {
+    if (slot.free_nodes) {
+        std::unique_ptr<queue_node> node = std::move(slot.free_nodes);
+        slot.free_nodes = std::move(node->next);
+        return node;
+    }
+    // The one allocation per block that Part 4.2 names: a queue node, made
+    // only while the slot's queue is deeper than it has been before.
+    auto node = std::make_unique<queue_node>();
+    node->data = std::make_unique<float[]>(static_cast<size_t>(slot.channels) *
+                                           static_cast<size_t>(frames_));
+    return node;
+}
+
+bool listener_engine::submit(int32_t source_id, const float* block, float gain) {
+    std::lock_guard lock(mutex_);
+    source_slot* slot = find(source_id);
+    if (slot == nullptr) return false;
+    std::unique_ptr<queue_node> node = take_node(*slot);
+    const int32_t samples = slot->channels * frames_;
+    dsp::copy(block, node->data.get(), samples);
+    if (gain != 1.0f) dsp::scale(node->data.get(), gain, samples);
+    queue_node* raw = node.get();
+    if (slot->tail == nullptr) {
+        slot->head = std::move(node);
+    } else {
+        slot->tail->next = std::move(node);
+    }
+    slot->tail = raw;
+    ++slot->queued;
+    slot->has_new = true;
+    return true;
+}
+
+bool listener_engine::pop(source_slot& slot) {
+    if (!slot.head) return false;
+    if (slot.popped) {
+        slot.popped->next = std::move(slot.free_nodes);
+        slot.free_nodes = std::move(slot.popped);
+    }
+    slot.popped = std::move(slot.head);
+    slot.head = std::move(slot.popped->next);
+    if (!slot.head) slot.tail = nullptr;
+    --slot.queued;
+    return true;
+}
+
+void listener_engine::mix_plainly(const source_slot& slot, float* destination) const {
+    const float* left = slot.popped->data.get();
+    float* mix_left = destination;
+    float* mix_right = destination + frames_;
+    if (slot.channels == 1) {
+        // Part 4.2 mix step 4: the mono block times 1/sqrt(2) into both ears.
+        dsp::multiply_add_twice(left, mono_to_stereo_gain, mix_left, mix_right, frames_);
+    } else {
+        dsp::add(left, mix_left, frames_);
+        dsp::add(left + frames_, mix_right, frames_);
+    }
+}
+
+int32_t listener_engine::mix(float* destination, const control_values& listener) {
+    const bool bypass = listener.get(QEL_CONTROL_STEREO_BYPASS_ENABLE) != 0;
+    const bool mixing_3d = listener.get(QEL_CONTROL_MIXING_3D_ENABLE) != 0 && !bypass;
+    dsp::zero(destination, 2 * frames_);
+
+    std::lock_guard lock(mutex_);
+    // Without a renderer (no filter bank yet, docs/status.md) a 3D listener
+    // is mixed plainly rather than not at all.
+    const bool rendered = mixing_3d && renderer_ != nullptr;
+    bool present = false;
+    for (source_slot& slot : slots_) {
+        slot.received = false;
+        if (!slot.has_new) continue;
+        if (!pop(slot)) {
+            slot.has_new = false;
+            continue;
+        }
+        slot.received = true;
+        present = true;
+        if (!rendered) mix_plainly(slot, destination);
+    }
+    if (!present) return 0;
+    if (rendered) render(destination, listener);
+    return frames_;
+}
+
+void listener_engine::render(float* destination, const control_values& listener) {
+    render_view_.clear(); // capacity reserved in add_source: no allocation
+    for (source_slot& slot : slots_) {
+        // A slot that never received a block has nothing popped to show.
+        const float* left = slot.popped ? slot.popped->data.get() : nullptr;
+        const float* right = left != nullptr && slot.channels == 2 ? left + frames_ : nullptr;
+        render_view_.push_back(
+            {slot.source_id, slot.channels, &slot.direction, left, right, slot.received});
+    }
+    renderer_->render(render_view_.data(), static_cast<int32_t>(render_view_.size()), listener,
+                      destination);
+    dsp::scale(destination, rendered_mix_gain, 2 * frames_);
+}
+
+void listener_engine::attach_renderer(std::unique_ptr<spatial_renderer> renderer) {
+    std::lock_guard lock(mutex_);
+    renderer_ = std::move(renderer);
+}
+
+bool listener_engine::has_renderer() const {
+    std::lock_guard lock(mutex_);
+    return renderer_ != nullptr;
 }
 
 void listener_engine::store_direction(int32_t source_id, int32_t azimuth, int32_t elevation,
@@ -76,6 +221,12 @@ std::optional<int32_t> listener_engine::channels_of(int32_t source_id) const {
     const source_slot* slot = find(source_id);
     if (slot == nullptr) return std::nullopt;
     return slot->channels;
+}
+
+int32_t listener_engine::queued_blocks(int32_t source_id) const {
+    std::lock_guard lock(mutex_);
+    const source_slot* slot = find(source_id);
+    return slot == nullptr ? 0 : slot->queued;
 }
 
 size_t listener_engine::source_count() const {

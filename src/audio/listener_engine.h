@@ -1,11 +1,26 @@
-// A listening participant's engine (spec Parts 4.2, 4.3): one source slot per
-// other participant of the room, keyed by the source's id. This control-plane
-// part holds what Part 3.3 writes into each slot (direction and distance);
-// the queues, mix buffers and renderer state arrive with the audio path.
+// A listening participant's engine (spec Part 4.2): one source slot per other
+// participant of the room, each with a first-in-first-out queue of blocks
+// that the sources' input calls submit and this listener's output call pops,
+// plus what Part 3.3 writes into each slot (direction and distance).
+//
+// Threads: every member takes the engine mutex. Submissions come from other
+// participants' input threads, mixes from the listener's output thread, slot
+// changes and flushes from control threads; the engine mutex is the last lock
+// in the order of Part 3.1 and nothing is called under it except the
+// renderer.
+//
+// Memory: a slot's buffers are allocated when the slot is added. Queue nodes
+// are allocated on submission when the slot has no recycled node; popped and
+// flushed nodes are kept on the slot's free list, so a listener that keeps up
+// allocates nothing per block once its queues have reached their depth.
 #pragma once
+
+#include "api/controls.h"
+#include "audio/output_stages.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -22,23 +37,49 @@ struct source_direction {
 };
 
 inline constexpr int32_t near_distance_limit = 300;
+// Part 4.2 mix step 4: a mono source reaches each ear at 1/sqrt(2).
+inline constexpr float mono_to_stereo_gain = 0.70710677f;
+// Part 4.2 mix step 6: the rendered mix is lifted by 1.07.
+inline constexpr float rendered_mix_gain = 1.07f;
 
 class listener_engine {
 public:
-    // frames: the processing frame length at 48000 Hz. Capacity for
+    // frames: N, the processing frame length at 48000 Hz. Capacity for
     // `expected_sources` slots is reserved up front.
     listener_engine(int32_t frames, size_t expected_sources);
+    ~listener_engine();
+    listener_engine(const listener_engine&) = delete;
+    listener_engine& operator=(const listener_engine&) = delete;
 
     int32_t frames() const { return frames_; }
 
     // A slot for a new source (Part 3.2 step 6); channels is its input channel count.
     void add_source(int32_t source_id, int32_t channels);
-    // Drops the slot of a source that left the room (Part 3.2 remove).
+    // Drops the slot of a source that left the room (Part 3.2 remove) with its
+    // queue. The spec defers the destruction to the next mix; removal runs
+    // under the room's exclusive lock, so no mix can observe the difference.
     void remove_source(int32_t source_id);
-    // Discards what is buffered from one source / from every source
-    // (qel_flush_data, Part 1.1). Returns whether the slot exists.
+    // qel_flush_data (Part 1.1): discards the blocks queued from one source /
+    // from every source, and the renderer's carried state on a full flush.
+    // flush_source returns whether the slot exists.
     bool flush_source(int32_t source_id);
     void flush();
+
+    // Part 4.2 submit: queues source channels x N samples of `block`
+    // (planar, channel stride N), scaled by gain unless it is exactly 1.0.
+    // Returns false and does nothing when no slot holds that source.
+    bool submit(int32_t source_id, const float* block, float gain);
+
+    // Part 4.2 mix into `destination` (planar stereo, 2 x N). Pops one block
+    // per source that has one; returns N when at least one source
+    // contributed, else 0 (the destination is then zeros).
+    int32_t mix(float* destination, const control_values& listener);
+
+    // The Part 4.3 renderer used when 3D mixing is on; none is attached until
+    // the filter bank exists (docs/status.md), and without one the engine
+    // mixes plainly.
+    void attach_renderer(std::unique_ptr<spatial_renderer> renderer);
+    bool has_renderer() const;
 
     // Part 3.3 "Storing the result": azimuth and elevation as given; a
     // distance below 300 is near, beyond it near 300 plus far; a negative
@@ -47,21 +88,47 @@ public:
 
     std::optional<source_direction> direction_of(int32_t source_id) const;
     std::optional<int32_t> channels_of(int32_t source_id) const;
+    // Full blocks waiting in a source's queue (0 for an unknown source).
+    int32_t queued_blocks(int32_t source_id) const;
     size_t source_count() const;
 
 private:
+    struct queue_node {
+        std::unique_ptr<queue_node> next;
+        std::unique_ptr<float[]> data; // source channels x N, planar
+    };
+
     struct source_slot {
-        int32_t source_id;
-        int32_t channels;
+        int32_t source_id = 0;
+        int32_t channels = 1;
         source_direction direction;
+        bool has_new = false;
+        bool received = false; // got a block in the current mix
+        std::unique_ptr<queue_node> head;
+        queue_node* tail = nullptr;
+        int32_t queued = 0;
+        std::unique_ptr<queue_node> free_nodes;
+        // The block popped by the last mix (Part 4.2's left and right
+        // buffers): the node itself is held here until the next mix recycles
+        // it, so a pop copies nothing.
+        std::unique_ptr<queue_node> popped;
     };
 
     source_slot* find(int32_t source_id);
     const source_slot* find(int32_t source_id) const;
+    void discard_queue(source_slot& slot);
+    std::unique_ptr<queue_node> take_node(source_slot& slot);
+    // Recycles the previous popped node and pops the head block into
+    // slot.popped; false when none is queued.
+    bool pop(source_slot& slot);
+    void mix_plainly(const source_slot& slot, float* destination) const;
+    void render(float* destination, const control_values& listener);
 
     int32_t frames_;
     mutable std::mutex mutex_; // the engine mutex of Part 4.2
     std::vector<source_slot> slots_;
+    std::unique_ptr<spatial_renderer> renderer_;
+    std::vector<rendered_source> render_view_; // one per slot, refilled per mix
 };
 
 } // namespace quelora

@@ -49,6 +49,13 @@ public:
                                int buffer_length) const;
     void flush(int32_t room_id, int32_t participant_id) const;
 
+    // ---- audio (conference_audio.cpp), under the library lock held shared
+    void input_audio(int32_t room_id, int32_t participant_id, const void* samples,
+                     int32_t frames, sample_type type) const;
+    // false: no source had a block (QEL_ERROR_NO_INPUT_AUDIO, Part 4.2).
+    bool output_audio(int32_t room_id, int32_t participant_id, void* samples,
+                      sample_type type) const;
+
     // ---- places (conference_places.cpp)
     void set_participant_seat(int32_t room_id, int32_t participant_id, int32_t seat_index);
     place participant_place(int32_t room_id, int32_t participant_id) const;

@@ -1,13 +1,16 @@
 // One talker and/or listener of a room (spec Part 3.2).
 #pragma once
 
+#include "audio/input_chain.h"
 #include "audio/listener_engine.h"
+#include "audio/output_chain.h"
 #include "conference/participant_identity.h"
 #include "config/library_configuration.h"
 
 #include <quelora/quelora.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace quelora {
@@ -46,6 +49,15 @@ public:
     listener_engine* listener() { return listener_.get(); }
     const listener_engine* listener() const { return listener_.get(); }
 
+    // Part 4.1 input side; null for listener-only participants. Use under
+    // input_mutex().
+    input_chain* input() { return input_.get(); }
+    std::mutex& input_mutex() { return input_mutex_; }
+    // Part 4.2 output side; null for source-only participants. Use under
+    // output_mutex().
+    output_chain* output() { return output_.get(); }
+    std::mutex& output_mutex() { return output_mutex_; }
+
 private:
     int32_t id_;
     qel_participant_configuration configuration_;
@@ -54,6 +66,12 @@ private:
     int32_t processing_frames_ = 0;
     participant_identity identity_;
     std::unique_ptr<listener_engine> listener_;
+    // The spec's input and output mutexes are recursive; nothing here locks
+    // them twice, so plain mutexes serve (docs/design.md).
+    std::mutex input_mutex_;
+    std::unique_ptr<input_chain> input_;
+    std::mutex output_mutex_;
+    std::unique_ptr<output_chain> output_;
 };
 
 } // namespace quelora

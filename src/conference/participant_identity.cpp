@@ -37,4 +37,9 @@ int32_t participant_identity::get_control(int32_t control) const {
     return controls_.get(control);
 }
 
+control_values participant_identity::controls() const {
+    std::lock_guard lock(mutex_);
+    return controls_;
+}
+
 } // namespace quelora

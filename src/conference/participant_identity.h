@@ -25,6 +25,9 @@ public:
     // Part 1.4 check and store / fetch, each under the mutex.
     void set_control(int32_t control, int32_t value);
     int32_t get_control(int32_t control) const;
+    // All sixteen values under one lock: what an audio call reads at its
+    // start ("control changes take effect at the next audio block").
+    control_values controls() const;
 
 private:
     mutable std::mutex mutex_;

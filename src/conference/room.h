@@ -43,6 +43,15 @@ public:
     void copy_name(int32_t participant_id, char* buffer, int buffer_length) const;
     void flush(int32_t participant_id);
 
+    // ---- audio (room_audio.cpp)
+    // Part 4.1: one input block of a participant, processed and handed to
+    // every listener that may hear it.
+    void input_audio(int32_t participant_id, const void* samples, int32_t frames,
+                     sample_type type);
+    // Part 4.2: one output block; false when no source had a block (the
+    // block is then silence and the level-1 line is logged).
+    bool output_audio(int32_t participant_id, void* samples, sample_type type);
+
     // ---- places (room_places.cpp)
     // Part 3.3 set seat; returns the place record as it now stands.
     place set_seat(int32_t participant_id, int32_t seat_index);

@@ -1,0 +1,58 @@
+// The calling contracts of the input chain's later stages (spec Part 4.1
+// Interfaces): the speech model (Part 5.3), the high-quality noise canceller
+// (Part 5.2), automatic gain control (Part 4.5), auto EQ and the final
+// shaping stage. The input chain calls them through these interfaces; a
+// participant holds a stage only once its implementation exists, and an
+// absent stage is skipped (docs/status.md lists which are absent).
+// Every process call runs on the participant's input thread under its input
+// mutex, on preallocated buffers: implementations must not allocate or lock.
+#pragma once
+
+#include <cstdint>
+
+namespace quelora {
+
+// voice_activity_detector_process of Part 5.3: processes `frames` samples of
+// the first channel from input into output (they may be the same buffer);
+// when dry_copy is not null, first copies the unprocessed block there.
+// Returns the speech value of the block (largest over its hops).
+class speech_model {
+public:
+    virtual ~speech_model() = default;
+    virtual float process(const float* input, float* output, float* dry_copy) = 0;
+    // Samples per hop (480 at 48000 Hz); the hop rate auto EQ receives is
+    // 48000 / hop_length, truncated.
+    virtual int32_t hop_length() const = 0;
+};
+
+// noise_canceller_process of Part 5.2: denoises one block (in place allowed)
+// and writes the time-aligned dry signal to dry_output.
+class noise_canceller_stage {
+public:
+    virtual ~noise_canceller_stage() = default;
+    virtual void process(const float* input, float* output, float* dry_output) = 0;
+};
+
+// Part 4.5: levels the first channel of the block in place.
+class gain_control_stage {
+public:
+    virtual ~gain_control_stage() = default;
+    virtual void process(float* block, float speech_value) = 0;
+};
+
+// Part 4.1 "Left to the implementer": a 48000 Hz equaliser on the first channel.
+class auto_eq_stage {
+public:
+    virtual ~auto_eq_stage() = default;
+    virtual void process(const float* input, float* output, float speech_value,
+                         int32_t hops_per_second) = 0;
+};
+
+// Part 4.1 step 9: in-place shaping of the first channel after AGC / auto EQ.
+class shaping_stage {
+public:
+    virtual ~shaping_stage() = default;
+    virtual void process(float* block) = 0;
+};
+
+} // namespace quelora
