@@ -1,5 +1,5 @@
-// libFuzzer target for the control plane through the C interface (spec Parts
-// 1.1, 3.1-3.5): the input is a program of qel_* calls against one library
+// libFuzzer target for the C interface (spec Parts 1.1, 3.1-3.5, and the audio
+// calls of 4.1-4.2): the input is a program of qel_* calls against one library
 // handle. Besides the sanitizers, a shadow model of rooms, participants and
 // callback counts catches calls that succeed or fail when they must not; a
 // broken expectation is a __builtin_trap(), so the report names the line.
@@ -11,12 +11,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -230,8 +233,30 @@ struct model {
 enum op : uint8_t {
     create_room, destroy_room, room_count, set_layout, get_layout, add, remove, participant_count,
     get_configuration, set_name, get_name, set_seat, get_place, set_position, spherical, set_state,
-    get_state, set_all_states, flush, add_event_manager, converters, info, op_count
+    get_state, set_all_states, flush, add_event_manager, converters, info, input_audio,
+    output_audio, op_count
 };
+
+// Part 4.1's required input frames, computed as the library does (float
+// ratio, exact product, truncated).
+int required_frames(const qel_library_configuration& c, int32_t input_rate) {
+    const float ratio = static_cast<float>(input_rate) / static_cast<float>(c.output_sampling_rate);
+    return static_cast<int>(static_cast<double>(c.output_number_frames) * static_cast<double>(ratio));
+}
+
+// Samples from the input: mostly speech-range values, sometimes NaN,
+// infinities, denormals or full scale, so that the limiter and the
+// conversions see them all.
+float draw_sample(byte_reader& in) {
+    const uint8_t b = in.byte();
+    switch (b >> 5) {
+    case 0: return std::numeric_limits<float>::quiet_NaN();
+    case 1: return (b & 1) ? std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::infinity();
+    case 2: return std::numeric_limits<float>::denorm_min() * static_cast<float>(b);
+    case 3: return (b & 1) ? 1.0f : -1.0f;
+    default: return static_cast<float>(static_cast<int8_t>(b)) / 128.0f;
+    }
+}
 
 void model::step(byte_reader& in) {
     const op opcode = static_cast<op>(in.byte() % op_count);
@@ -431,6 +456,60 @@ void model::step(byte_reader& in) {
         REQUIRE(json != nullptr && json[0] == '{' && qel_enable_websockets(h) == QEL_ERROR_INVALID_CONTROL);
         REQUIRE(qel_create_room(nullptr, r) == QEL_ERROR_HANDLE_NULL);
         REQUIRE(qel_destroy_library(nullptr) == QEL_ERROR_LIBRARY_NOT_YET_INITIALIZED);
+        break;
+    }
+    case input_audio: {
+        // The block is filled from a few input bytes, repeated; its length is
+        // the required one most of the time.
+        const shadow_participant* sp = participant(r, p);
+        const int channels = sp ? sp->configuration.input_number_channels : 1 + in.byte() % 2;
+        const int required = sp ? required_frames(configuration, sp->configuration.input_sampling_rate) : 480;
+        const int frames = in.byte() < 230 ? required : in.byte() * 8;
+        std::vector<float> block(static_cast<size_t>(std::max(frames, 0) * channels) + 1);
+        const size_t pattern = 1 + in.byte() % 16;
+        for (size_t i = 0; i < pattern && i < block.size(); ++i) block[i] = draw_sample(in);
+        for (size_t i = pattern; i < block.size(); ++i) block[i] = block[i % pattern];
+        std::vector<int16_t> shorts(block.size());
+        std::vector<double> doubles(block.size());
+        for (size_t i = 0; i < block.size(); ++i) {
+            const float v = std::isfinite(block[i]) ? std::clamp(block[i], -1.0f, 1.0f) : 1.0f;
+            shorts[i] = static_cast<int16_t>(v * 32767.0f);
+            doubles[i] = block[i];
+        }
+        const bool null_block = nulls != 0;
+        const uint8_t type = in.byte() % 3;
+        const int code = type == 0 ? qel_input_audio_short(h, r, p, null_block ? nullptr : shorts.data(), frames)
+                       : type == 1 ? qel_input_audio_float(h, r, p, null_block ? nullptr : block.data(), frames)
+                                   : qel_input_audio_double(h, r, p, null_block ? nullptr : doubles.data(), frames);
+        // Muted participants accept anything of the right length, so success
+        // is only required to imply a well-formed call of a talker.
+        if (succeeded(code, null_block)) {
+            REQUIRE(known && frames == required &&
+                    sp->configuration.participant_type != QEL_PARTICIPANT_LISTENER_ONLY);
+        } else {
+            REQUIRE(!known || frames != required || null_block ||
+                    sp->configuration.participant_type == QEL_PARTICIPANT_LISTENER_ONLY);
+        }
+        break;
+    }
+    case output_audio: {
+        const shadow_participant* sp = participant(r, p);
+        const size_t samples = static_cast<size_t>(configuration.output_number_frames) *
+                               static_cast<size_t>(configuration.output_number_channels);
+        const bool null_block = nulls != 0;
+        const uint8_t type = in.byte() % 3;
+        std::vector<double> storage(samples + 1, -3.0); // large enough for every type
+        void* out = null_block ? nullptr : storage.data();
+        const int code = type == 0 ? qel_output_audio_short(h, r, p, static_cast<int16_t*>(out))
+                       : type == 1 ? qel_output_audio_float(h, r, p, static_cast<float*>(out))
+                                   : qel_output_audio_double(h, r, p, static_cast<double*>(out));
+        const bool listener = known && sp->configuration.participant_type != QEL_PARTICIPANT_SOURCE_ONLY;
+        if (code == QEL_ERROR_NO_INPUT_AUDIO) {
+            REQUIRE(listener && !null_block);
+            if (type == 2) for (size_t i = 0; i < samples; ++i) REQUIRE(storage[i] == 0.0);
+        } else {
+            expect(code, listener && !null_block, null_block);
+        }
         break;
     }
     case op_count:

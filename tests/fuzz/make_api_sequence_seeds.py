@@ -13,7 +13,8 @@ import struct
 # Opcodes, in the order of the fuzzer's `op` enumeration.
 (CREATE_ROOM, DESTROY_ROOM, ROOM_COUNT, SET_LAYOUT, GET_LAYOUT, ADD, REMOVE, PARTICIPANT_COUNT,
  GET_CONFIGURATION, SET_NAME, GET_NAME, SET_SEAT, GET_PLACE, SET_POSITION, SPHERICAL, SET_STATE,
- GET_STATE, SET_ALL_STATES, FLUSH, ADD_EVENT_MANAGER, CONVERTERS, INFO) = range(22)
+ GET_STATE, SET_ALL_STATES, FLUSH, ADD_EVENT_MANAGER, CONVERTERS, INFO, INPUT_AUDIO,
+ OUTPUT_AUDIO) = range(24)
 
 # Indices into the fuzzer's tables.
 LAYOUT_IDS = [1, 2, 3, 10, 20, 30, 40, 50, 60, 0, -1, 7, -2**31, 2**31 - 1]
@@ -181,10 +182,37 @@ def logged_edges():
     return p
 
 
+def audio_block(samples, sample_type, frames_byte=0):
+    """An input step's arguments: frame selector (< 230: the required count),
+    a pattern of sample bytes repeated over the block, the sample type."""
+    return b(frames_byte, len(samples) - 1) + bytes(samples) + b(sample_type)
+
+
+def conference_audio():
+    """Talkers of every shape feeding listeners of every shape, with bad samples."""
+    p = Program(document=1, output=(16000, 160), channels=2)
+    p.step(CREATE_ROOM, 0)
+    add(p, 0, 0, "Alice")
+    add(p, 0, 1, "Bob", hz=16000, channels=2)
+    add(p, 0, 2, "Src", kind=SOURCE_ONLY)
+    add(p, 0, 3, "Lis", kind=LISTENER_ONLY)
+    speech = [0x90, 0xA0, 0xC0, 0xE0, 0xF0, 0x88]  # mid-range values
+    bad = [0x00, 0x20, 0x21, 0x40, 0x61, 0x60]      # NaN, +-inf, denormal, +-1
+    for block in range(3):
+        for talker in (0, 1, 2):
+            p.step(INPUT_AUDIO, 0, talker, audio_block(speech if block != 1 else bad, talker % 3))
+        for listener in (0, 1, 3):
+            p.step(OUTPUT_AUDIO, 0, listener, b(block % 3))
+    p.step(SET_STATE, 0, 3, b(8), value(1)).step(SET_STATE, 0, 0, b(1), value(1))
+    p.step(INPUT_AUDIO, 0, 3, audio_block(speech, 1)).step(INPUT_AUDIO, 0, 0, audio_block(speech, 1, 240))
+    p.step(OUTPUT_AUDIO, 0, 2, b(1)).step(FLUSH, 0, 0).step(OUTPUT_AUDIO, 0, 3, b(0))
+    return p
+
+
 def main():
     directory = pathlib.Path(__file__).resolve().parent / "corpus" / "api_sequence"
     directory.mkdir(parents=True, exist_ok=True)
-    for maker in (closed_conference, open_room, headless_layouts, logged_edges):
+    for maker in (closed_conference, open_room, headless_layouts, logged_edges, conference_audio):
         maker().save(directory / f"{maker.__name__}.bin")
 
 
