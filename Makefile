@@ -27,7 +27,7 @@ TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 SAN_WRAP := $(shell test "$$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 0)" -gt 28 \
               && echo "setarch $$(uname -m) -R")
 
-.PHONY: build test demo sanitize tsan clean
+.PHONY: build test bench demo control-demo sanitize tsan clean
 
 build:
 	scripts/bootstrap
@@ -37,7 +37,25 @@ build:
 test: build
 	$(CTEST) --test-dir $(BUILD_DIR) --output-on-failure -j2
 
+# Speed, measured and reported, never asserted: the Google Benchmark suite of
+# the per-block hot paths (out/micro_bench.json), then the conference
+# benchmark (R rooms x P talkers on one thread, real-time factors and P_max,
+# out/bench.json). A few minutes; machines are shared, so compare ratios
+# taken in one run.
+BENCH_MIN_TIME ?= 0.2
+bench: build
+	mkdir -p out
+	$(BUILD_DIR)/tools/bench/quelora_micro_bench --benchmark_min_time=$(BENCH_MIN_TIME) \
+	  --benchmark_out=out/micro_bench.json --benchmark_out_format=json
+	$(BUILD_DIR)/tools/bench/quelora_conference_bench --out out/bench.json
+
+# The conference simulator on its defaults: four synthesised talkers around
+# the shipped round table; one WAV per listener and a summary, under out/.
 demo: build
+	$(BUILD_DIR)/tools/quelora_conference
+
+# The control-plane demo: seats, moves and directions, no audio.
+control-demo: build
 	$(BUILD_DIR)/tools/quelora_demo
 
 sanitize:
