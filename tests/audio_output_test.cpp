@@ -348,6 +348,35 @@ TEST(Part4_2_Resampling, AOneKilohertzToneThroughSixteenKilohertzKeepsItsLevel) 
     EXPECT_NEAR(rms / expected, 1.0, 0.005); // passband ripple at 1 kHz is far below 0.5 %
 }
 
+TEST(Part4_2_Resampling, EveryOutputRateAndBlockLengthCarriesTheMix) {
+    // Every output format of Part 2.1 (10 and 20 ms blocks, and the 512/1024
+    // variants), both channel counts: a 48 kHz DC talker reaches the
+    // listener at 0.70710677 per ear, times 0.98 through the output
+    // resampler, in blocks of the configured length.
+    const int32_t formats[][2] = {{8000, 80},   {8000, 160},  {16000, 160}, {16000, 320},
+                                  {24000, 240}, {24000, 480}, {24000, 256}, {24000, 512},
+                                  {32000, 320}, {32000, 640}, {48000, 480}, {48000, 960},
+                                  {48000, 512}, {48000, 1024}};
+    for (const auto& f : formats) {
+        for (int32_t channels : {1, 2}) {
+            SCOPED_TRACE(testing::Message() << f[0] << " Hz, " << f[1] << " frames, " << channels);
+            audio_session s(qel_library_configuration{f[0], f[1], channels, true, 3});
+            s.add(1);
+            s.add(2);
+            const size_t input_frames = static_cast<size_t>(f[1]) * 48000u / static_cast<size_t>(f[0]);
+            std::vector<float> out;
+            for (int block = 0; block < 6; ++block) {
+                ASSERT_EQ(s.input(1, std::vector<float>(input_frames, 0.5f)), QEL_ERROR_NONE);
+                out = s.output(2);
+            }
+            ASSERT_EQ(out.size(), static_cast<size_t>(f[1] * channels));
+            const float per_ear = 0.5f * ear * (f[0] == 48000 ? 1.0f : 0.98f);
+            const float expected = channels == 1 ? per_ear * 2.0f * 0.70710677f : per_ear;
+            for (size_t i = 0; i < out.size(); ++i) ASSERT_NEAR(out[i], expected, 2e-4f) << i;
+        }
+    }
+}
+
 TEST(Part4_2_BadSamples, NaNAndInfinityDoNotPoisonLaterBlocks) {
     audio_session s;
     s.add(1);
