@@ -129,9 +129,12 @@ typedef struct { int32_t seat_index, x, y, z, azimuth, elevation; } qel_seat; /*
 
 /* Host callbacks (spec Part 3.5). Any slot may be null. Callbacks run on the
  * thread that made the change, after the room's locks are released but with
- * the library lock held: a callback must not call a function that takes the
- * library lock exclusively (create/destroy room, set room layout,
- * destroy library). Pointers passed in are valid during the call only. */
+ * the library lock held shared: a callback must not call back into the
+ * library with the handle (queue the work for later instead). The lock, like
+ * the spec's slim reader/writer lock, admits no new reader while a writer
+ * (room creation or destruction, a layout change) waits, so even a getter
+ * called from a callback can deadlock behind another thread's writer.
+ * Pointers passed in are valid during the call only. */
 typedef struct qel_event_manager_t {
     void (*create_room)(int32_t room_id);
     void (*destroy_room)(int32_t room_id);

@@ -6,6 +6,7 @@
 
 #include "conference/event_notifier.h"
 #include "conference/room.h"
+#include "conference/writer_preferring_mutex.h"
 #include "config/room_layout.h"
 
 #include <quelora/quelora.h>
@@ -76,7 +77,9 @@ private:
 
     const room_layout_set& layouts_;
     const qel_library_configuration& audio_configuration_;
-    mutable std::shared_mutex library_lock_;
+    // Writer-preferring, as the spec's SRW lock: room creation, destruction
+    // and layout changes are not starved by back-to-back audio calls.
+    mutable writer_preferring_mutex library_lock_;
     std::unordered_map<int32_t, std::unique_ptr<room>> rooms_;
     event_notifier events_;
 };

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "conference/participant.h"
+#include "conference/writer_preferring_mutex.h"
 #include "config/room_layout.h"
 
 #include <quelora/quelora.h>
@@ -87,7 +88,7 @@ private:
 
     int32_t id_;
     const qel_library_configuration& audio_configuration_;
-    mutable std::shared_mutex participants_lock_;
+    mutable writer_preferring_mutex participants_lock_; // writers are not starved by audio calls
     mutable std::shared_mutex layout_lock_;
     std::vector<std::unique_ptr<participant>> participants_;
     const quelora_room_layout* layout_;
