@@ -156,6 +156,27 @@ int main(void)
     CHECK_EQ(elevation, 0);
     CHECK_EQ(distance, 200);
 
+    /* Audio (Parts 4.1, 4.2): participant 10 talks, 11 listens. The library is
+     * 48 kHz, 480 frames, stereo, interleaved, 3D off: a mono block reaches
+     * each ear at 0.70710677, 9 samples later (the limiter's look-ahead). */
+    {
+        float microphone[480];
+        float headphones[2 * 480];
+        short speaker[2 * 480];
+        int i;
+        for (i = 0; i < 480; ++i) microphone[i] = 0.25f;
+        CHECK_EQ(qel_input_audio_float(handle, 1, 10, microphone, 480), QEL_ERROR_NONE);
+        CHECK_EQ(qel_input_audio_float(handle, 1, 10, microphone, 479), QEL_ERROR_DATA_LENGTH);
+        CHECK_EQ(qel_input_audio_float(handle, 1, 10, NULL, 480), QEL_ERROR_DATA_NULL);
+        CHECK_EQ(qel_output_audio_float(handle, 1, 11, headphones), QEL_ERROR_NONE);
+        CHECK_EQ(headphones[0] == 0.0f, 1);
+        CHECK_EQ(headphones[2 * 100] == 0.25f * 0.70710677f, 1);
+        CHECK_EQ(headphones[2 * 100 + 1] == 0.25f * 0.70710677f, 1);
+        CHECK_EQ(qel_output_audio_short(handle, 1, 11, speaker), QEL_ERROR_NO_INPUT_AUDIO);
+        CHECK_EQ(speaker[0], 0);
+        CHECK_EQ(qel_output_audio_double(handle, 1, 11, NULL), QEL_ERROR_DATA_NULL);
+    }
+
     /* Tear down. */
     CHECK_EQ(qel_remove_participant(handle, 1, 11), QEL_ERROR_NONE);
     count = -1;
