@@ -7,7 +7,10 @@
  * qel_add_event_manager, which must be called before other threads use the
  * handle, and qel_destroy_library, which must not race any other call on the
  * same handle. The logger is process-wide; make the first library call of the
- * process from one thread.
+ * process from one thread. Audio calls are real-time safe once a listener's
+ * queues have reached their depth: no allocation, no I/O, no logging except
+ * the level-1 "no input audio" line when that level is enabled; they wait
+ * only on the locks above, which a room change in progress holds briefly.
  *
  * Ownership: strings returned by the library (qel_get_version,
  * qel_error_code_to_string, qel_audio_control_to_string,
