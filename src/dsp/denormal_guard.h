@@ -1,7 +1,8 @@
 // Flush-to-zero and denormals-are-zero for the length of one audio call, so
 // that decaying tails and silence cost what speech costs (recursive filters
-// and limiter envelopes would otherwise crawl through subnormal numbers).
-// The host's floating-point mode is restored when the guard ends.
+// and limiter envelopes would otherwise crawl through subnormal numbers),
+// and round-to-nearest, so that conversions round the same whatever mode the
+// host's thread runs in. The host's mode is restored when the guard ends.
 #pragma once
 
 #if defined(__SSE__) || defined(__x86_64__)
@@ -14,7 +15,9 @@ namespace quelora::dsp {
 class denormal_guard {
 public:
 #ifdef QUELORA_HAS_MXCSR
-    denormal_guard() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | flush_bits); }
+    denormal_guard() : saved_(_mm_getcsr()) {
+        _mm_setcsr((saved_ & ~rounding_bits) | flush_bits);
+    }
     ~denormal_guard() { _mm_setcsr(saved_); }
 #else
     denormal_guard() = default;
@@ -24,7 +27,8 @@ public:
 
 private:
 #ifdef QUELORA_HAS_MXCSR
-    static constexpr unsigned flush_bits = 0x8040u; // FTZ (bit 15) | DAZ (bit 6)
+    static constexpr unsigned flush_bits = 0x8040u;    // FTZ (bit 15) | DAZ (bit 6)
+    static constexpr unsigned rounding_bits = 0x6000u; // RC (bits 13-14); 0 is nearest
     unsigned saved_;
 #endif
 };
