@@ -32,7 +32,10 @@ double sinc(double x) {
 // independent partial sums let the compiler use packed multiplies and adds
 // without reassociating a single sum (which it may not do without
 // -ffast-math), and fix the summation order on every machine.
-float dot_product(const float* __restrict samples, const float* __restrict taps) {
+// Always inlined, so that each clone of resample_block compiles it for its
+// own instruction set.
+[[gnu::always_inline]] inline float dot_product(const float* __restrict samples,
+                                                const float* __restrict taps) {
     float partial[8] = {0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f};
     for (int32_t i = 0; i < 256; i += 8) {
         for (int32_t lane = 0; lane < 8; ++lane)
@@ -40,6 +43,21 @@ float dot_product(const float* __restrict samples, const float* __restrict taps)
     }
     return ((partial[0] + partial[4]) + (partial[1] + partial[5])) +
            ((partial[2] + partial[6]) + (partial[3] + partial[7]));
+}
+
+// One block of output samples. On x86-64 the loader picks an AVX2 clone on
+// processors that have it (one 8-lane register holds the eight partial sums,
+// so both clones add in the same order and give the same bits) and the
+// baseline SSE2 one elsewhere: the processor dispatch of the Overview,
+// done by the toolchain.
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+__attribute__((target_clones("avx2", "default")))
+#endif
+void resample_block(const float* state, const float* taps, const int32_t* output_start,
+                    const int32_t* output_taps, float* output, int32_t output_frames) {
+    for (int32_t j = 0; j < output_frames; ++j) {
+        output[j] = dot_product(state + output_start[j], taps + output_taps[j]);
+    }
 }
 
 } // namespace
@@ -110,11 +128,8 @@ void polyphase_resampler::process(int32_t channel, const float* input, float* ou
         state_.data() + static_cast<size_t>(channel) * static_cast<size_t>(state_length_);
     // The block goes into the state first, so output may overwrite input.
     std::memcpy(state + history_length, input, static_cast<size_t>(input_frames_) * sizeof(float));
-    const float* taps = taps_.data();
-    for (int32_t j = 0; j < output_frames_; ++j) {
-        output[j] = dot_product(state + output_start_[static_cast<size_t>(j)],
-                                taps + output_taps_[static_cast<size_t>(j)]);
-    }
+    resample_block(state, taps_.data(), output_start_.data(), output_taps_.data(), output,
+                   output_frames_);
     // The last 2 x 128 samples become the history; the time restarts at 128.
     std::memmove(state, state + input_frames_, static_cast<size_t>(history_length) * sizeof(float));
 }
