@@ -50,7 +50,13 @@ double sinc(double x) {
 // so both clones add in the same order and give the same bits) and the
 // baseline SSE2 one elsewhere: the processor dispatch of the Overview,
 // done by the toolchain.
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QUELORA_NO_TARGET_CLONES 1 // TSan crashes in the ifunc resolver, run before its set-up
+#endif
+#endif
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__)) && \
+    !defined(__SANITIZE_THREAD__) && !defined(QUELORA_NO_TARGET_CLONES)
 __attribute__((target_clones("avx2", "default")))
 #endif
 void resample_block(const float* state, const float* taps, const int32_t* output_start,
