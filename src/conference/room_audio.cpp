@@ -44,9 +44,8 @@ void room::input_audio(int32_t participant_id, const void* samples, int32_t fram
     for (auto& p : participants_) {
         participant& listener = *p;
         if (&listener == &source || listener.listener() == nullptr) continue;
-        const pair_rooms listener_rooms{listener.identity().get_control(QEL_CONTROL_WHISPER_ROOM),
-                                        listener.identity().get_control(QEL_CONTROL_SIDEBAR_ROOM)};
-        const float gain = pair_gain(source_rooms, listener_rooms, listener.is_source_only());
+        const float gain = pair_gain(source_rooms, rooms_of(listener.identity().controls()),
+                                     listener.is_source_only());
         if (gain > 0.0f) listener.listener()->submit(participant_id, chain.work_buffer(), gain);
     }
 }
