@@ -1,7 +1,8 @@
 #include "audio/float_ring_buffer.h"
 
+#include "dsp/vector_ops.h"
+
 #include <cstddef>
-#include <cstring>
 #include <stdexcept>
 
 namespace quelora {
@@ -18,9 +19,6 @@ int32_t round_up_to_power_of_two(int32_t frames) {
     return capacity;
 }
 
-void copy_floats(const float* source, float* destination, uint32_t count) {
-    if (count != 0) std::memcpy(destination, source, static_cast<size_t>(count) * sizeof(float));
-}
 
 } // namespace
 
@@ -42,38 +40,39 @@ int32_t float_ring_buffer::frames_free() const { return capacity_ - frames_avail
 
 int32_t float_ring_buffer::write(const float* source, int32_t source_stride, int32_t frames) {
     if (frames <= 0 || frames > frames_free()) return 0;
-    // A block crosses the end of the ring at most once: copy it in two parts.
-    const uint32_t start = static_cast<uint32_t>(write_position_) & mask_;
-    const uint32_t count = static_cast<uint32_t>(frames);
-    const uint32_t first = count < static_cast<uint32_t>(capacity_) - start
-                               ? count
-                               : static_cast<uint32_t>(capacity_) - start;
+    const span s = split(write_position_, frames);
     for (int32_t c = 0; c < channels_; ++c) {
         const float* from = source + static_cast<ptrdiff_t>(c) * source_stride;
-        float* ring = storage_.data() + static_cast<size_t>(c) * static_cast<size_t>(capacity_);
-        copy_floats(from, ring + start, first);
-        copy_floats(from + first, ring, count - first);
+        float* ring = channel(c);
+        dsp::copy(from, ring + s.start, s.first);
+        dsp::copy(from + s.first, ring, frames - s.first);
     }
-    write_position_ += count;
+    write_position_ += static_cast<uint64_t>(frames);
     return frames;
 }
 
 int32_t float_ring_buffer::read(float* destination, int32_t destination_stride, int32_t frames) {
     if (frames <= 0 || frames > frames_available()) return 0;
-    const uint32_t start = static_cast<uint32_t>(read_position_) & mask_;
-    const uint32_t count = static_cast<uint32_t>(frames);
-    const uint32_t first = count < static_cast<uint32_t>(capacity_) - start
-                               ? count
-                               : static_cast<uint32_t>(capacity_) - start;
+    const span s = split(read_position_, frames);
     for (int32_t c = 0; c < channels_; ++c) {
         float* to = destination + static_cast<ptrdiff_t>(c) * destination_stride;
-        const float* ring =
-            storage_.data() + static_cast<size_t>(c) * static_cast<size_t>(capacity_);
-        copy_floats(ring + start, to, first);
-        copy_floats(ring, to + first, count - first);
+        const float* ring = channel(c);
+        dsp::copy(ring + s.start, to, s.first);
+        dsp::copy(ring, to + s.first, frames - s.first);
     }
-    read_position_ += count;
+    read_position_ += static_cast<uint64_t>(frames);
     return frames;
+}
+
+float_ring_buffer::span float_ring_buffer::split(uint64_t position, int32_t frames) const {
+    // A block crosses the end of the ring at most once: it is copied in two
+    // parts, `first` frames from `start`, the rest from the ring's start.
+    const int32_t start = static_cast<int32_t>(static_cast<uint32_t>(position) & mask_);
+    return {start, frames < capacity_ - start ? frames : capacity_ - start};
+}
+
+float* float_ring_buffer::channel(int32_t c) {
+    return storage_.data() + static_cast<size_t>(c) * static_cast<size_t>(capacity_);
 }
 
 void float_ring_buffer::clear() { read_position_ = write_position_; }

@@ -32,6 +32,13 @@ public:
     void clear();
 
 private:
+    struct span {
+        int32_t start; // ring index of the block's first frame
+        int32_t first; // frames before the end of the ring
+    };
+    span split(uint64_t position, int32_t frames) const;
+    float* channel(int32_t c);
+
     int32_t channels_;
     int32_t capacity_;
     uint32_t mask_;
