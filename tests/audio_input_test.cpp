@@ -16,13 +16,13 @@ namespace {
 
 using quelora::testing::audio_room;
 using quelora::testing::audio_session;
+using quelora::testing::ear;
 using quelora::testing::expect_call;
+using quelora::testing::limiter_delay;
 using quelora::testing::log_capture;
 using quelora::testing::stereo_block;
 using quelora::testing::warning;
 
-constexpr int limiter_delay = 9;
-constexpr float ear = 0.70710677f;
 
 std::vector<float> ramp(size_t n, float start, float step) {
     std::vector<float> v(n);

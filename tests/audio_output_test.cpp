@@ -18,14 +18,14 @@ namespace {
 
 using quelora::testing::audio_room;
 using quelora::testing::audio_session;
+using quelora::testing::ear;
 using quelora::testing::expect_call;
+using quelora::testing::limiter_delay;
 using quelora::testing::log_capture;
 using quelora::testing::log_line;
 using quelora::testing::stereo_block;
 using quelora::testing::warning;
 
-constexpr int limiter_delay = 9;
-constexpr float ear = 0.70710677f;
 
 qel_library_configuration format(int32_t rate, int32_t channels, bool interleaved) {
     return qel_library_configuration{rate, rate / 100, channels, interleaved, 3};

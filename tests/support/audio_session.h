@@ -15,6 +15,11 @@
 namespace quelora::testing {
 
 inline constexpr uint32_t audio_room = 1;
+// The spec's numbers for a 3D-off listener, written here as the spec gives
+// them (not taken from the library): the limiter's look-ahead of 9 samples
+// (Part 4.2) and the gain 0.70710677 of a mono source in each ear.
+inline constexpr int limiter_delay = 9;
+inline constexpr float ear = 0.70710677f;
 
 class audio_session {
 public:
