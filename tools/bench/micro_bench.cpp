@@ -145,17 +145,12 @@ BENCHMARK(BM_RingBufferWriteRead);
 // block (queue node reuse, copy) and the listener mixes once (pop, plain sum).
 void BM_ListenerSubmitMix(benchmark::State& state) {
     const auto sources = static_cast<int32_t>(state.range(0));
-    listener_engine engine(block_frames, static_cast<size_t>(sources));
-    std::vector<std::vector<float>> blocks;
-    for (int32_t s = 0; s < sources; ++s) {
-        engine.add_source(s + 1, 1);
-        blocks.push_back(bench::talker_block(s, 48000, block_frames));
-    }
+    bench::listener_with_talkers room(sources);
     const control_values listener;
     std::vector<float> mix(stereo * block_frames);
     for (auto _ : state) {
-        for (int32_t s = 0; s < sources; ++s) engine.submit(s + 1, blocks[s].data(), 1.0f);
-        benchmark::DoNotOptimize(engine.mix(mix.data(), listener));
+        room.submit_all();
+        benchmark::DoNotOptimize(room.engine.mix(mix.data(), listener));
         benchmark::ClobberMemory();
     }
     set_block_counters(state, static_cast<int64_t>(sources) * block_frames);

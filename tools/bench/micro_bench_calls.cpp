@@ -43,18 +43,14 @@ BENCHMARK(BM_InputChain)->ArgName("in_rate")->Arg(48000)->Arg(16000);
 // sources' submissions plus mix, limiter, master gain and conversion.
 void BM_OutputChain(benchmark::State& state) {
     const auto sources = static_cast<int32_t>(state.range(0));
-    listener_engine engine(block_frames, static_cast<size_t>(sources));
-    std::vector<std::vector<float>> blocks;
-    for (int32_t s = 0; s < sources; ++s) {
-        engine.add_source(s + 1, 1);
-        blocks.push_back(bench::talker_block(s, 48000, block_frames));
-    }
+    bench::listener_with_talkers room(sources);
     output_chain chain(block_frames, 48000, block_frames, 2, true);
     const control_values controls;
     std::vector<float> host(2 * block_frames);
     for (auto _ : state) {
-        for (int32_t s = 0; s < sources; ++s) engine.submit(s + 1, blocks[s].data(), 1.0f);
-        benchmark::DoNotOptimize(chain.process(engine, controls, sample_type::float32, host.data()));
+        room.submit_all();
+        benchmark::DoNotOptimize(
+            chain.process(room.engine, controls, sample_type::float32, host.data()));
         benchmark::ClobberMemory();
     }
     set_block_counters(state, 2 * block_frames);

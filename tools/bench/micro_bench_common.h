@@ -3,9 +3,13 @@
 // reports is the time per block.
 #pragma once
 
+#include "audio/listener_engine.h"
+#include "bench_signal.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <vector>
 
 namespace quelora::bench {
 
@@ -22,5 +26,25 @@ inline void set_block_counters(benchmark::State& state, int64_t samples_per_bloc
     state.counters["x_realtime"] =
         benchmark::Counter(block_seconds, benchmark::Counter::kIsIterationInvariantRate);
 }
+
+// A listener engine with `count` mono 48 kHz talkers (ids 1..count), each
+// with its own block; submit_all() is one block period of their input calls.
+struct listener_with_talkers {
+    explicit listener_with_talkers(int32_t count)
+        : engine(block_frames, static_cast<size_t>(count)) {
+        for (int32_t s = 0; s < count; ++s) {
+            engine.add_source(s + 1, 1);
+            blocks.push_back(talker_block(s, 48000, block_frames));
+        }
+    }
+    void submit_all() {
+        for (size_t s = 0; s < blocks.size(); ++s) {
+            engine.submit(static_cast<int32_t>(s) + 1, blocks[s].data(), 1.0f);
+        }
+    }
+
+    listener_engine engine;
+    std::vector<std::vector<float>> blocks;
+};
 
 } // namespace quelora::bench
