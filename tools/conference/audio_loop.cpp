@@ -61,11 +61,12 @@ struct audio_calls<double> {
     static double to_unit(double x) { return x; }
 };
 
-// Frames per input call: output frames × input rate / output rate in single
-// precision, truncated, as the library computes it (Part 4.1).
+// Frames per input call as the library computes them (Part 4.1, and
+// docs/design.md): the rate ratio in single precision, the product with the
+// output frames taken exactly, truncated.
 int required_input_frames(const qel_library_configuration& c, int input_rate) {
-    return static_cast<int>(static_cast<float>(c.output_number_frames) * static_cast<float>(input_rate) /
-                            static_cast<float>(c.output_sampling_rate));
+    const float ratio = static_cast<float>(input_rate) / static_cast<float>(c.output_sampling_rate);
+    return static_cast<int>(static_cast<double>(c.output_number_frames) * static_cast<double>(ratio));
 }
 
 // One block of a talker's clip from first_frame on (silence outside it), in
