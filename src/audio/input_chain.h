@@ -10,6 +10,7 @@
 #include "api/controls.h"
 #include "audio/input_stages.h"
 #include "audio/polyphase_resampler.h"
+#include "audio/processing_rate.h"
 #include "audio/sample_conversion.h"
 
 #include <cstdint>
@@ -30,7 +31,6 @@ struct input_stage_set {
 
 class input_chain {
 public:
-    static constexpr int32_t processing_rate = 48000;
     static constexpr int32_t dry_delay_frames = 4096;
     static constexpr int32_t latency_low = 480;   // chain latency, ANC high off
     static constexpr int32_t latency_high = 1200; // chain latency, ANC high on

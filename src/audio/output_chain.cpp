@@ -25,8 +25,8 @@ output_chain::output_chain(int32_t processing_frames, int32_t output_rate, int32
       output_channels_(output_channels), interleaved_(interleaved),
       mix_(std::make_unique<float[]>(2 * static_cast<size_t>(processing_frames))),
       limiter_(processing_frames) {
-    if (output_rate != 48000) {
-        resampler_.emplace(48000, output_rate, output_channels, output_frames);
+    if (output_rate != processing_rate) {
+        resampler_.emplace(processing_rate, output_rate, output_channels, output_frames);
     }
 }
 

@@ -12,6 +12,7 @@
 #include "audio/output_stages.h"
 #include "audio/peak_limiter.h"
 #include "audio/polyphase_resampler.h"
+#include "audio/processing_rate.h"
 #include "audio/sample_conversion.h"
 
 #include <cstdint>

@@ -65,20 +65,20 @@ participant::participant(int32_t id, std::string name,
         audio_configuration.output_sampling_rate);
     processing_frames_ = frames_at_processing_rate(audio_configuration.output_sampling_rate,
                                                    audio_configuration.output_number_frames);
-    const qel_library_configuration& audio = audio_configuration;
     if (!is_source_only()) {
         listener_ = std::make_unique<listener_engine>(processing_frames_, expected_room_size);
-        output_ = std::make_unique<output_chain>(processing_frames_, audio.output_sampling_rate,
-                                                 audio.output_number_frames,
-                                                 audio.output_number_channels, audio.interleaved);
+        output_ = std::make_unique<output_chain>(
+            processing_frames_, audio_configuration.output_sampling_rate,
+            audio_configuration.output_number_frames, audio_configuration.output_number_channels,
+            audio_configuration.interleaved);
     }
     if (!is_listener_only()) {
         // The stage objects of Parts 4.5, 5.2 and 5.3 and the auto EQ and
         // shaping stages are not built yet; the chain skips absent stages
         // (docs/status.md).
         input_ = std::make_unique<input_chain>(input_rate, channels(), required_input_frames_,
-                                               processing_frames_, audio.interleaved,
-                                               input_stage_set{});
+                                               processing_frames_,
+                                               audio_configuration.interleaved, input_stage_set{});
     }
 }
 

@@ -1,13 +1,14 @@
 // Library configuration checks and derived processing sizes (spec Part 2.1).
 #pragma once
 
+#include "audio/processing_rate.h"
+
 #include <quelora/quelora.h>
 
 #include <cstdint>
 
 namespace quelora {
 
-inline constexpr int32_t processing_rate = 48000;
 
 // The sizes that every audio buffer of a library is built from.
 struct processing_sizes {
