@@ -58,7 +58,6 @@ void listener_engine::discard_queue(source_slot& slot) {
     }
     slot.tail = nullptr;
     slot.queued = 0;
-    slot.has_new = false;
 }
 
 bool listener_engine::flush_source(int32_t source_id) {
@@ -105,7 +104,6 @@ bool listener_engine::submit(int32_t source_id, const float* block, float gain) 
     }
     slot->tail = raw;
     ++slot->queued;
-    slot->has_new = true;
     return true;
 }
 
@@ -147,11 +145,9 @@ int32_t listener_engine::mix(float* destination, const control_values& listener)
     bool present = false;
     for (source_slot& slot : slots_) {
         slot.received = false;
-        if (!slot.has_new) continue;
-        if (!pop(slot)) {
-            slot.has_new = false;
-            continue;
-        }
+        // Part 4.2's has-new flag is "the queue holds a full block": every
+        // queued node is full, so a non-empty queue is that flag.
+        if (!pop(slot)) continue;
         slot.received = true;
         present = true;
         if (!rendered) mix_plainly(slot, destination);

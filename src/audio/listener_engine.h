@@ -102,7 +102,6 @@ private:
         int32_t source_id = 0;
         int32_t channels = 1;
         source_direction direction;
-        bool has_new = false;
         bool received = false; // got a block in the current mix
         std::unique_ptr<queue_node> head;
         queue_node* tail = nullptr;
