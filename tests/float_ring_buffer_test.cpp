@@ -1,7 +1,7 @@
 // The float ring buffer (FIFO) of the Overview: power-of-two capacity,
 // whole-or-nothing writes and reads, planar channels at any stride, and
 // wrap-around checked against a plain double-ended queue.
-#include "audio/float_ring_buffer.h"
+#include "dsp/float_ring_buffer.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <vector>
 
-using quelora::float_ring_buffer;
+using quelora::dsp::float_ring_buffer;
 
 namespace {
 

@@ -5,7 +5,7 @@
 // input and output chains and whole audio calls through the C interface.
 #include "micro_bench_common.h"
 
-#include "audio/float_ring_buffer.h"
+#include "dsp/float_ring_buffer.h"
 #include "audio/listener_engine.h"
 #include "audio/peak_limiter.h"
 #include "audio/polyphase_resampler.h"
@@ -128,7 +128,7 @@ BENCHMARK(BM_PeakLimiter);
 
 // Re-blocking as Parts 4.5, 5.2 and 5.3 use it: one stereo block in, one out.
 void BM_RingBufferWriteRead(benchmark::State& state) {
-    float_ring_buffer ring(stereo, 2048);
+    dsp::float_ring_buffer ring(stereo, 2048);
     std::vector<float> in(stereo * block_frames, 0.25f);
     std::vector<float> out(in.size());
     for (auto _ : state) {

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace quelora {
+namespace quelora::dsp {
 
 class float_ring_buffer {
 public:
@@ -47,4 +47,4 @@ private:
     std::vector<float> storage_; // channels x capacity, planar
 };
 
-} // namespace quelora
+} // namespace quelora::dsp

@@ -1,11 +1,11 @@
-#include "audio/float_ring_buffer.h"
+#include "dsp/float_ring_buffer.h"
 
 #include "dsp/vector_ops.h"
 
 #include <cstddef>
 #include <stdexcept>
 
-namespace quelora {
+namespace quelora::dsp {
 
 namespace {
 
@@ -77,4 +77,4 @@ float* float_ring_buffer::channel(int32_t c) {
 
 void float_ring_buffer::clear() { read_position_ = write_position_; }
 
-} // namespace quelora
+} // namespace quelora::dsp
