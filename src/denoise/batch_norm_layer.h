@@ -1,0 +1,30 @@
+// The inference batch norm of spec Part 5.1. It is the only layer that
+// derives parameter data: the per-channel factor gamma / sqrt(var + 1e-5),
+// computed once at construction; the shift and mean stay in the table.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace quelora::denoise {
+
+class batch_norm_layer {
+public:
+    batch_norm_layer(const float* gamma, const float* beta, const float* mean,
+                     const float* variance, uint32_t channels, uint32_t time_length,
+                     uint32_t freq_length);
+    // y = (x - mean[c]) x factor[c] + beta[c] over channels x time x freq
+    // floats; input and output may be the same buffer. Never allocates.
+    void forward(const float* input, float* output);
+    // The precomputed gamma[c] / sqrt(variance[c] + 1e-5).
+    const float* factors() const { return factor_.data(); }
+
+private:
+    const float* beta_;
+    const float* mean_;
+    uint32_t channels_;
+    uint32_t plane_; // time x frequency floats per channel
+    std::vector<float> factor_;
+};
+
+} // namespace quelora::denoise

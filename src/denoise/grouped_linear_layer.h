@@ -1,0 +1,29 @@
+// The grouped linear layer of spec Part 5.1 (the embedding and decoder
+// maps of Part 5.2): input cut into G slices, slice g times the g-th
+// (I/G) x (O/G) block of the table's [G][I/G][O/G] weights, no bias.
+#pragma once
+
+#include <cstdint>
+
+namespace quelora::denoise {
+
+struct matvec_kernels;
+
+class grouped_linear_layer {
+public:
+    grouped_linear_layer(const float* weights, uint32_t input_size, uint32_t output_size,
+                         uint32_t groups);
+    // input_size floats in, output_size floats out. Never allocates.
+    void forward(const float* input, float* output); // output must not alias input
+    uint32_t input_size() const { return group_in_ * groups_; }
+    uint32_t output_size() const { return group_out_ * groups_; }
+
+private:
+    const float* weights_;
+    const matvec_kernels* kernels_; // chosen for this processor at construction
+    uint32_t groups_;
+    uint32_t group_in_;  // I / G
+    uint32_t group_out_; // O / G
+};
+
+} // namespace quelora::denoise

@@ -1,0 +1,93 @@
+// Spec Part 5.1, gru_layer:
+//   r = sigmoid(W_ir x + b_ir + W_hr h + b_hr)
+//   z = sigmoid(W_iz x + b_iz + W_hz h + b_hz)
+//   n = tanh(W_in x + b_in + r * (W_hn h + b_hn))
+//   h = (1 - z) * n + z * h
+// The matrix-vector products go through the dispatched kernels of
+// matvec_kernels.h, one [3H] product per side when the three matrices are
+// contiguous (as in the weight table), else one per gate; the gate
+// non-linearities use the element-wise functions of
+// activations.h over the scratch vectors.
+#include "denoise/gru_layer.h"
+
+#include "api/quelora_exception.h"
+#include "denoise/activations.h"
+#include "denoise/matvec_kernels.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace quelora::denoise {
+
+namespace {
+
+// gates[g·H .. (g+1)·H) = W_g · v, g = r, z, n.
+void multiply_gates(const matvec_kernels& kernels, const float* const* w, bool block,
+                    uint32_t hidden, uint32_t cols, const float* v, float* gates) {
+    if (block) {
+        kernels.matrix_vector(w[0], 3 * hidden, cols, v, gates);
+        return;
+    }
+    for (std::size_t g = 0; g < 3; ++g)
+        kernels.matrix_vector(w[g], hidden, cols, v, gates + g * hidden);
+}
+
+} // namespace
+
+gru_layer::gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_ir,
+                     const float* w_iz, const float* w_in, const float* w_hr, const float* w_hz,
+                     const float* w_hn, const float* b_ir, const float* b_iz, const float* b_in,
+                     const float* b_hr, const float* b_hz, const float* b_hn)
+    : input_size_(input_size), hidden_size_(hidden_size), w_input_{w_ir, w_iz, w_in},
+      w_hidden_{w_hr, w_hz, w_hn}, b_input_{b_ir, b_iz, b_in}, b_hidden_{b_hr, b_hz, b_hn},
+      input_block_(false), hidden_block_(false), kernels_(&selected_matvec_kernels()) {
+    if (input_size == 0)
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
+                                "gru: input_size is 0, must be >= 1");
+    if (hidden_size == 0)
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
+                                "gru: hidden_size is 0, must be >= 1");
+    if (3 * uint64_t{hidden_size} * std::max(input_size, hidden_size) >
+        static_cast<uint64_t>(std::numeric_limits<int32_t>::max()))
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE, "gru: layer is too large");
+    for (const float* p : {w_ir, w_iz, w_in, w_hr, w_hz, w_hn, b_ir, b_iz, b_in, b_hr, b_hz, b_hn})
+        if (p == nullptr)
+            throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
+                                    "gru: a weight or bias pointer is null");
+    const std::size_t input_matrix = std::size_t{hidden_size} * input_size;
+    const std::size_t hidden_matrix = std::size_t{hidden_size} * hidden_size;
+    input_block_ = w_iz == w_ir + input_matrix && w_in == w_iz + input_matrix;
+    hidden_block_ = w_hz == w_hr + hidden_matrix && w_hn == w_hz + hidden_matrix;
+    hidden_.assign(hidden_size, 0.0f);
+    input_gates_.assign(3 * std::size_t{hidden_size}, 0.0f);
+    hidden_gates_.assign(3 * std::size_t{hidden_size}, 0.0f);
+}
+
+void gru_layer::forward(const float* input, float* output) {
+    const uint32_t n_h = hidden_size_;
+    multiply_gates(*kernels_, w_input_, input_block_, n_h, input_size_, input, input_gates_.data());
+    multiply_gates(*kernels_, w_hidden_, hidden_block_, n_h, n_h, hidden_.data(),
+                   hidden_gates_.data());
+
+    float* r = input_gates_.data();
+    float* z = r + n_h;
+    float* n = z + n_h;
+    const float* hr = hidden_gates_.data();
+    const float* hz = hr + n_h;
+    const float* hn = hz + n_h;
+    // Reset and update pre-activations, then both sigmoids in one pass.
+    for (uint32_t j = 0; j < n_h; ++j) {
+        r[j] += b_input_[0][j] + hr[j] + b_hidden_[0][j];
+        z[j] += b_input_[1][j] + hz[j] + b_hidden_[1][j];
+    }
+    sigmoid(r, r, 2 * std::size_t{n_h});
+    for (uint32_t j = 0; j < n_h; ++j) n[j] += b_input_[2][j] + r[j] * (hn[j] + b_hidden_[2][j]);
+    tanh(n, n, n_h);
+    float* h = hidden_.data();
+    for (uint32_t j = 0; j < n_h; ++j) {
+        h[j] = (1.0f - z[j]) * n[j] + z[j] * h[j];
+        output[j] = h[j];
+    }
+}
+
+} // namespace quelora::denoise

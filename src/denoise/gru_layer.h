@@ -1,0 +1,43 @@
+// The GRU of spec Part 5.1: one time step per call with torch.nn.GRU's
+// formulas; the hidden state is zero at construction and carried across
+// calls. The twelve tensors stay in the weight table (order in
+// docs/dfn.md section 1).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace quelora::denoise {
+
+struct matvec_kernels;
+
+class gru_layer {
+public:
+    // Matrices [hidden][input] (w_h*: [hidden][hidden]); gate order per docs/dfn.md.
+    gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_ir, const float* w_iz,
+              const float* w_in, const float* w_hr, const float* w_hz, const float* w_hn,
+              const float* b_ir, const float* b_iz, const float* b_in, const float* b_hr,
+              const float* b_hz, const float* b_hn);
+    // output receives the new hidden state (hidden_size floats); may not alias input.
+    // Never allocates.
+    void forward(const float* input, float* output);
+    const float* hidden_state() const { return hidden_.data(); }
+    uint32_t input_size() const { return input_size_; }
+    uint32_t hidden_size() const { return hidden_size_; }
+
+private:
+    uint32_t input_size_, hidden_size_;
+    // Gate order r, z, n; the weight table stores each triple as one
+    // [3H][cols] block, which is then multiplied in a single product.
+    const float* w_input_[3];
+    const float* w_hidden_[3];
+    const float* b_input_[3];
+    const float* b_hidden_[3];
+    bool input_block_, hidden_block_; // the three matrices lie back to back
+    const matvec_kernels* kernels_;   // chosen for this processor at construction
+    std::vector<float> hidden_;       // h, zero at construction
+    std::vector<float> input_gates_;  // W_i· x for r, z, n (3H)
+    std::vector<float> hidden_gates_; // W_h· h for r, z, n (3H)
+};
+
+} // namespace quelora::denoise

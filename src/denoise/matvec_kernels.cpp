@@ -1,0 +1,230 @@
+// Spec Part 5.1's products, twice (see matvec_kernels.h). The portable
+// version is the Eigen code the layers ran before, so a processor without
+// AVX2 computes exactly what it did. The AVX2+FMA version is written with
+// intrinsics in functions carrying the target attribute, and deliberately
+// without Eigen: Eigen's templates instantiated under other instruction
+// flags would be merged by the linker with the baseline ones (one
+// definition rule), leaving either the baseline build with AVX2 code or
+// the fast path without it.
+#include "denoise/matvec_kernels.h"
+
+#include "dsp/processor_dispatch.h"
+
+#include <Eigen/Core>
+
+#include <cstddef>
+
+#if defined(__x86_64__) || defined(__i386__)
+#define QUELORA_HAVE_AVX2_KERNELS 1
+#include <immintrin.h>
+#endif
+
+namespace quelora::denoise {
+
+namespace {
+
+using row_major = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+
+void portable_matrix_vector(const float* a, uint32_t rows, uint32_t cols, const float* x,
+                            float* y) {
+    const auto r = static_cast<Eigen::Index>(rows);
+    const auto c = static_cast<Eigen::Index>(cols);
+    Eigen::Map<Eigen::VectorXf>(y, r).noalias() =
+        Eigen::Map<const row_major>(a, r, c) * Eigen::Map<const Eigen::VectorXf>(x, c);
+}
+
+void portable_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
+                            float* c) {
+    const auto rows = static_cast<Eigen::Index>(m);
+    const auto inner = static_cast<Eigen::Index>(k);
+    const auto cols = static_cast<Eigen::Index>(n);
+    if (m == 1) {
+        // A row vector times a matrix: Eigen's GEMV over the contiguous rows.
+        Eigen::Map<Eigen::RowVectorXf>(c, cols).noalias() =
+            Eigen::Map<const Eigen::RowVectorXf>(a, inner) *
+            Eigen::Map<const row_major>(b, inner, cols);
+        return;
+    }
+    Eigen::Map<row_major>(c, rows, cols).noalias() =
+        Eigen::Map<const row_major>(a, rows, inner) * Eigen::Map<const row_major>(b, inner, cols);
+}
+
+const matvec_kernels portable{portable_matrix_vector, portable_matrix_matrix, "portable"};
+
+#if QUELORA_HAVE_AVX2_KERNELS
+
+#define QUELORA_AVX2 __attribute__((target("avx2,fma")))
+
+// Loading 8 floats from &mask_source[8 - n] gives a mask of the first n lanes.
+alignas(64) constexpr int32_t mask_source[16] = {-1, -1, -1, -1, -1, -1, -1, -1,
+                                                 0,  0,  0,  0,  0,  0,  0,  0};
+
+QUELORA_AVX2 inline __m256i first_lanes(uint32_t n) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(mask_source + 8 - n));
+}
+
+QUELORA_AVX2 inline float horizontal_sum(__m256 v) {
+    __m128 s = _mm_add_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
+    s = _mm_add_ps(s, _mm_movehl_ps(s, s));
+    s = _mm_add_ss(s, _mm_movehdup_ps(s));
+    return _mm_cvtss_f32(s);
+}
+
+// The four horizontal sums of a, b, c, d as one vector.
+QUELORA_AVX2 inline __m128 horizontal_sums(__m256 a, __m256 b, __m256 c, __m256 d) {
+    const __m256 s = _mm256_hadd_ps(_mm256_hadd_ps(a, b), _mm256_hadd_ps(c, d));
+    return _mm_add_ps(_mm256_castps256_ps128(s), _mm256_extractf128_ps(s, 1));
+}
+
+// R dot products of consecutive rows with x, two accumulators per row
+// (2R independent FMA chains hide the FMA latency); the column tail goes
+// through a masked load, which reads nothing past the end.
+template <int R>
+QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, const float* x,
+                           float* y) {
+    __m256 even[R], odd[R];
+    for (int r = 0; r < R; ++r) even[r] = odd[r] = _mm256_setzero_ps();
+    uint32_t c = 0;
+    for (; c + 16 <= cols; c += 16) {
+        const __m256 x0 = _mm256_loadu_ps(x + c);
+        const __m256 x1 = _mm256_loadu_ps(x + c + 8);
+        for (int r = 0; r < R; ++r) {
+            const float* row = a + static_cast<std::size_t>(r) * stride + c;
+            even[r] = _mm256_fmadd_ps(_mm256_loadu_ps(row), x0, even[r]);
+            odd[r] = _mm256_fmadd_ps(_mm256_loadu_ps(row + 8), x1, odd[r]);
+        }
+    }
+    if (c + 8 <= cols) {
+        const __m256 x0 = _mm256_loadu_ps(x + c);
+        for (int r = 0; r < R; ++r)
+            even[r] = _mm256_fmadd_ps(
+                _mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c), x0, even[r]);
+        c += 8;
+    }
+    if (c < cols) {
+        const __m256i mask = first_lanes(cols - c);
+        const __m256 x0 = _mm256_maskload_ps(x + c, mask);
+        for (int r = 0; r < R; ++r)
+            odd[r] = _mm256_fmadd_ps(
+                _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask), x0,
+                odd[r]);
+    }
+    for (int r = 0; r < R; ++r) even[r] = _mm256_add_ps(even[r], odd[r]);
+    if constexpr (R == 4) {
+        _mm_storeu_ps(y, horizontal_sums(even[0], even[1], even[2], even[3]));
+    } else {
+        for (int r = 0; r < R; ++r) y[r] = horizontal_sum(even[r]);
+    }
+}
+
+QUELORA_AVX2 void avx2_matrix_vector(const float* a, uint32_t rows, uint32_t cols,
+                                     const float* x, float* y) {
+    const std::size_t stride = cols;
+    uint32_t r = 0;
+    for (; r + 4 <= rows; r += 4) dot_rows<4>(a + r * stride, stride, cols, x, y + r);
+    for (; r < rows; ++r) dot_rows<1>(a + r * stride, stride, cols, x, y + r);
+}
+
+// An R x 8V tile of c = a b, kept in R·V registers over the whole inner
+// dimension: each step loads V vectors of one row of b and broadcasts R
+// elements of a. With Partial the last vector is the row's masked tail.
+template <int R, int V, bool Partial>
+QUELORA_AVX2 void product_tile(const float* a, std::size_t lda, const float* b, std::size_t ldb,
+                               uint32_t k, float* c, std::size_t ldc, __m256i tail) {
+    __m256 acc[R * V];
+    for (int i = 0; i < R * V; ++i) acc[i] = _mm256_setzero_ps();
+    for (uint32_t l = 0; l < k; ++l) {
+        const float* b_row = b + l * ldb;
+        __m256 bv[V];
+        for (int v = 0; v < V; ++v)
+            bv[v] = Partial && v == V - 1 ? _mm256_maskload_ps(b_row + 8 * v, tail)
+                                          : _mm256_loadu_ps(b_row + 8 * v);
+        for (int r = 0; r < R; ++r) {
+            const __m256 av = _mm256_broadcast_ss(a + static_cast<std::size_t>(r) * lda + l);
+            for (int v = 0; v < V; ++v) acc[r * V + v] = _mm256_fmadd_ps(av, bv[v], acc[r * V + v]);
+        }
+    }
+    for (int r = 0; r < R; ++r) {
+        float* c_row = c + static_cast<std::size_t>(r) * ldc;
+        for (int v = 0; v < V; ++v) {
+            if (Partial && v == V - 1)
+                _mm256_maskstore_ps(c_row + 8 * v, tail, acc[r * V + v]);
+            else
+                _mm256_storeu_ps(c_row + 8 * v, acc[r * V + v]);
+        }
+    }
+}
+
+// A tile of `vectors` (1..V) column vectors: picks the instantiation.
+template <int R, int V>
+QUELORA_AVX2 void product_tile_of(uint32_t vectors, bool partial, const float* a,
+                                  std::size_t lda, const float* b, std::size_t ldb, uint32_t k,
+                                  float* c, std::size_t ldc, __m256i tail) {
+    if constexpr (V > 1) {
+        if (vectors < static_cast<uint32_t>(V)) {
+            product_tile_of<R, V - 1>(vectors, partial, a, lda, b, ldb, k, c, ldc, tail);
+            return;
+        }
+    }
+    if (partial)
+        product_tile<R, V, true>(a, lda, b, ldb, k, c, ldc, tail);
+    else
+        product_tile<R, V, false>(a, lda, b, ldb, k, c, ldc, tail);
+}
+
+// R rows of c, left to right in tiles of up to V vectors.
+template <int R, int V>
+QUELORA_AVX2 void product_rows(const float* a, const float* b, uint32_t k, uint32_t n, float* c) {
+    const uint32_t vectors = (n + 7) / 8;
+    const bool partial = n % 8 != 0;
+    const __m256i tail = first_lanes(partial ? n % 8 : 8);
+    for (uint32_t v = 0; v < vectors; v += V) {
+        const uint32_t count = vectors - v < static_cast<uint32_t>(V) ? vectors - v : V;
+        product_tile_of<R, V>(count, partial && v + count == vectors, a, k, b + 8 * v, n, k,
+                              c + 8 * v, n, tail);
+    }
+}
+
+// Eight rows at a time share each loaded vector of b (then four); single
+// rows (the grouped linear layer's m = 1) get eight vectors instead, enough
+// independent chains to cover the FMA latency. Tiles with more than one row
+// and more than one vector are avoided: GCC 12 then writes every
+// accumulator back to the stack on each step, which halved the speed.
+QUELORA_AVX2 void avx2_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k,
+                                     uint32_t n, float* c) {
+    uint32_t i = 0;
+    for (; i + 8 <= m; i += 8)
+        product_rows<8, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
+    for (; i + 4 <= m; i += 4)
+        product_rows<4, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
+    for (; i < m; ++i) product_rows<1, 8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
+}
+
+const matvec_kernels avx2_fma{avx2_matrix_vector, avx2_matrix_matrix, "avx2_fma"};
+
+#endif // QUELORA_HAVE_AVX2_KERNELS
+
+const matvec_kernels& choose_kernels() {
+    const matvec_kernels* fast = avx2_fma_matvec_kernels();
+    return fast != nullptr ? *fast : portable;
+}
+
+} // namespace
+
+const matvec_kernels& portable_matvec_kernels() { return portable; }
+
+const matvec_kernels* avx2_fma_matvec_kernels() {
+#if QUELORA_HAVE_AVX2_KERNELS
+    dsp::initialize_processor_dispatch();
+    const dsp::processor_features& cpu = dsp::current_processor_features();
+    if (cpu.avx2 && cpu.fma) return &avx2_fma;
+#endif
+    return nullptr;
+}
+
+const matvec_kernels& selected_matvec_kernels() {
+    static const matvec_kernels& chosen = choose_kernels();
+    return chosen;
+}
+
+} // namespace quelora::denoise

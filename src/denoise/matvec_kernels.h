@@ -1,0 +1,40 @@
+// The matrix products under the network layers of spec Part 5.1 (GRU gates,
+// grouped linear blocks, convolutions as patch-matrix products), in two
+// versions: a portable one for the baseline x86-64 target and one for
+// AVX2+FMA, picked once per process from the processor dispatch of Part 2.1
+// step 6. The shipped library has to run on any x86-64, yet the model of
+// Part 5.2 meets its real-time budget only with the wider instructions.
+// Plain function pointers rather than target_clones: the loader's ifunc
+// resolvers crash under ThreadSanitizer.
+#pragma once
+
+#include <cstdint>
+
+namespace quelora::denoise {
+
+struct matvec_kernels {
+    // y[r] = sum_c a[r][c] x[c] for r < rows; a is row-major rows x cols.
+    // y must not alias a or x.
+    void (*matrix_vector)(const float* a, uint32_t rows, uint32_t cols, const float* x,
+                          float* y);
+    // c[i][j] = sum_l a[i][l] b[l][j]: a is m x k, b is k x n, c is m x n,
+    // all row-major and dense. c must not alias a or b. With m = 1 this is
+    // the grouped linear layer's row vector times matrix.
+    void (*matrix_matrix)(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
+                          float* c);
+    const char* name;
+};
+
+// Always available: Eigen's products, built for the baseline target.
+const matvec_kernels& portable_matvec_kernels();
+
+// The AVX2+FMA version, or nullptr when the build target is not x86 or the
+// running processor lacks AVX2 or FMA.
+const matvec_kernels* avx2_fma_matvec_kernels();
+
+// The fastest version the processor runs, chosen at the first call
+// (which initialises the processor dispatch if the library has not).
+// Layers call it in their constructors, never in forward.
+const matvec_kernels& selected_matvec_kernels();
+
+} // namespace quelora::denoise
