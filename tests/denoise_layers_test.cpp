@@ -358,6 +358,43 @@ TEST(Part5_1_GroupedLinear, HandComputed) {
     EXPECT_EQ(y, (std::vector<float>{1 - 3, 2 - 4, 20 + 15, 40 + 20}));
 }
 
+// forward_pair against two forward calls: the same sums in another order
+// at most (the pair kernel shares each loaded weight row between the two
+// inputs), within the file's tolerance; swapped inputs or groups give
+// errors of order 0.1. The model's five shapes plus a two-group one.
+TEST(Part5_1_GroupedLinear, ForwardPairEqualsTwoForwardCalls) {
+    struct shape {
+        uint32_t in, out, groups;
+    };
+    for (const shape s : {shape{3072, 512, 8}, shape{1024, 256, 8}, shape{256, 256, 8},
+                          shape{256, 512, 8}, shape{256, 960, 8}, shape{64, 96, 2}}) {
+        std::mt19937 rng(s.in + s.out);
+        const float bound = 1.0f / std::sqrt(static_cast<float>(s.in / s.groups));
+        std::uniform_real_distribution<float> w(-bound, bound), x(-1.0f, 1.0f);
+        std::vector<float> weights(std::size_t{s.in} * s.out / s.groups);
+        for (float& v : weights) v = w(rng);
+        std::vector<float> a(s.in), b(s.in);
+        for (float& v : a) v = x(rng);
+        for (float& v : b) v = x(rng);
+        grouped_linear_layer layer(weights.data(), s.in, s.out, s.groups);
+        std::vector<float> ya(s.out), yb(s.out);
+        layer.forward(a.data(), ya.data());
+        layer.forward(b.data(), yb.data());
+        std::vector<float> pa(s.out + 8, 7.0f), pb(s.out + 8, 7.0f);
+        layer.forward_pair(a.data(), b.data(), pa.data(), pb.data());
+        for (uint32_t j = 0; j < s.out; ++j) {
+            ASSERT_NEAR(pa[j], ya[j], relative_tolerance * (1.0 + std::abs(ya[j])))
+                << s.in << " -> " << s.out << ", output " << j;
+            ASSERT_NEAR(pb[j], yb[j], relative_tolerance * (1.0 + std::abs(yb[j])))
+                << s.in << " -> " << s.out << ", output " << j;
+        }
+        for (uint32_t j = s.out; j < s.out + 8; ++j) {
+            ASSERT_EQ(pa[j], 7.0f) << "wrote past its first output";
+            ASSERT_EQ(pb[j], 7.0f) << "wrote past its second output";
+        }
+    }
+}
+
 TEST(Part5_1_GroupedLinear, InputNotDivisibleByGroupsIsRejected) {
     const std::vector<float> w(1001 * 64, 0.0f);
     expect_shape_error([&] { grouped_linear_layer(w.data(), 1001, 512, 8); },
@@ -470,6 +507,76 @@ TEST(Part5_1_Gru, HiddenStateStartsAtZeroAndCarriesOver) {
     std::vector<float> again(hid);
     fresh.forward(x.data(), again.data());
     EXPECT_EQ(again, first);
+}
+
+// forward_pair against two forward calls on a layer with the same weights,
+// over several steps so that the state handed from the first step of a pair
+// to the second, and on to the next pair, is checked too. The two differ
+// only in the summation order of the input-side products (the dispatched
+// pair kernel; matvec_kernels_test checks both kernel versions against
+// double sums): a few ulp of pre-activations below 16 in size, typically
+// 1e-6, held to the file's 1e-5. Mixing up the two inputs or the order of
+// the recurrent steps gives errors of order 0.1.
+void expect_gru_pair_matches_two_steps(const std::vector<float>& p, uint32_t in, uint32_t hid,
+                                       bool contiguous) {
+    // The non-contiguous case gives each matrix its own copy, so the layer
+    // multiplies gate by gate.
+    std::vector<std::vector<float>> parts;
+    const std::size_t mi = std::size_t{hid} * in, mh = std::size_t{hid} * hid;
+    const auto layer = [&]() {
+        if (contiguous) return make_gru(p.data(), in, hid);
+        parts.clear();
+        std::size_t at = 0;
+        for (int m = 0; m < 12; ++m) {
+            const std::size_t size = m < 3 ? mi : m < 6 ? mh : hid;
+            parts.emplace_back(p.begin() + static_cast<std::ptrdiff_t>(at),
+                               p.begin() + static_cast<std::ptrdiff_t>(at + size));
+            at += size;
+        }
+        return gru_layer(in, hid, parts[0].data(), parts[1].data(), parts[2].data(),
+                         parts[3].data(), parts[4].data(), parts[5].data(), parts[6].data(),
+                         parts[7].data(), parts[8].data(), parts[9].data(), parts[10].data(),
+                         parts[11].data());
+    };
+    gru_layer single = layer();
+    // The first layer keeps pointing into its copies: move them aside (their
+    // buffers stay where they are) before the second layer makes its own.
+    const std::vector<std::vector<float>> kept = std::move(parts);
+    gru_layer paired = layer();
+    std::mt19937 rng(in * 31u + hid);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    std::vector<float> xa(in), xb(in), ya(hid), yb(hid), pa(hid), pb(hid);
+    for (int step = 0; step < 6; ++step) {
+        for (float& v : xa) v = u(rng);
+        for (float& v : xb) v = u(rng);
+        single.forward(xa.data(), ya.data());
+        single.forward(xb.data(), yb.data());
+        paired.forward_pair(xa.data(), xb.data(), pa.data(), pb.data());
+        for (uint32_t j = 0; j < hid; ++j) {
+            ASSERT_NEAR(pa[j], ya[j], relative_tolerance) << "step " << step << " unit " << j;
+            ASSERT_NEAR(pb[j], yb[j], relative_tolerance) << "step " << step << " unit " << j;
+            ASSERT_EQ(paired.hidden_state()[j], pb[j]);
+        }
+    }
+}
+
+// Weights and biases as PyTorch draws them: uniform within 1/sqrt(hidden).
+std::vector<float> random_gru_parameters(uint32_t in, uint32_t hid, uint32_t seed) {
+    std::mt19937 rng(seed);
+    const float bound = 1.0f / std::sqrt(static_cast<float>(hid));
+    std::uniform_real_distribution<float> u(-bound, bound);
+    std::vector<float> p(3 * std::size_t{hid} * in + 3 * std::size_t{hid} * hid + 6 * hid);
+    for (float& v : p) v = u(rng);
+    return p;
+}
+
+TEST(Part5_1_Gru, ForwardPairEqualsTwoForwardCallsOnTheModelShape) {
+    expect_gru_pair_matches_two_steps(random_gru_parameters(256, 256, 3), 256, 256, true);
+}
+
+TEST(Part5_1_Gru, ForwardPairEqualsTwoForwardCallsGateByGate) {
+    expect_gru_pair_matches_two_steps(random_gru_parameters(24, 16, 5), 24, 16, false);
+    expect_gru_pair_matches_two_steps(random_gru_parameters(13, 7, 7), 13, 7, true);
 }
 
 TEST(Part5_1_Gru, ShapesAreChecked) {

@@ -1,7 +1,7 @@
 // The analysis half of the DFN noise canceller (spec Part 5.2, `dfn_analysis`;
 // made exact by docs/dfn.md section 2): per 480-sample hop, the windowed
 // spectrum, the normalised ERB and complex features with their 3-frame
-// histories (the encoders' inputs), and the last 7 spectra that the
+// histories (the encoders' inputs), and the last 8 spectra that the
 // synthesis (docs/dfn.md section 4) reads. Everything is allocated in the
 // constructor; process never allocates, locks or logs.
 #pragma once

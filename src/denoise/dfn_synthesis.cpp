@@ -28,20 +28,22 @@ dfn_synthesis::dfn_synthesis(const uint16_t* band_widths)
 }
 
 void dfn_synthesis::process(const dfn_analysis& spectra, const float* gains,
-                            const float* coefficients, float* output) {
+                            const float* coefficients, float* output, int hops_back_offset) {
     int bin = 0;
     for (int b = 0; b < dfn_erb_bands; ++b) {
         for (int j = 0; j < band_widths_[b]; ++j) bin_gains_[bin++] = gains[b];
     }
 
     // Mask: the target frame, dfn_target_delay_hops back.
-    const std::complex<float>* target = spectra.spectrum(dfn_target_delay_hops);
+    const std::complex<float>* target =
+        spectra.spectrum(dfn_target_delay_hops + hops_back_offset);
     for (int k = dfn_df_bins; k < dfn_bins; ++k) filtered_[k] = bin_gains_[k] * target[k];
 
     // Deep filter on the unmasked spectra: tap i multiplies hop t - 6 + i.
+    constexpr int oldest_tap = dfn_target_delay_hops + dfn_df_order / 2; // 6
     const std::complex<float>* taps[dfn_df_order];
     for (int i = 0; i < dfn_df_order; ++i) {
-        taps[i] = spectra.spectrum(dfn_spectrum_history - 1 - i);
+        taps[i] = spectra.spectrum(oldest_tap + hops_back_offset - i);
     }
     for (int k = 0; k < dfn_df_bins; ++k) {
         const float* c = coefficients + k * dfn_df_order * 2;

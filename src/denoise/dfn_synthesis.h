@@ -23,9 +23,13 @@ public:
     explicit dfn_synthesis(const uint16_t* band_widths);
 
     // gains: dfn_erb_bands values; coefficients: [96 bins][5 taps][re, im];
-    // output: 480 samples, w[n] x 480 x irfft(Y)[n].
+    // output: 480 samples, w[n] x 480 x irfft(Y)[n]. hops_back_offset (0 or
+    // 1) is how many hops the analysis has taken since the hop being
+    // synthesised: the model's block path analyses a block's second hop
+    // before it rebuilds the first, whose spectra then lie one slot further
+    // back (dfn_constants.h keeps one spectrum more for that).
     void process(const dfn_analysis& spectra, const float* gains, const float* coefficients,
-                 float* output);
+                 float* output, int hops_back_offset = 0);
 
     // For tests: the last process's gains spread over the bins.
     const float* bin_gains() const { return bin_gains_.data(); }

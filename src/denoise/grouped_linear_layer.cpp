@@ -59,4 +59,15 @@ void grouped_linear_layer::forward(const float* input, float* output) {
                                 group_out_, output + std::size_t{g} * group_out_);
 }
 
+void grouped_linear_layer::forward_pair(const float* input_a, const float* input_b,
+                                        float* output_a, float* output_b) {
+    for (uint32_t g = 0; g < groups_; ++g) {
+        const std::size_t in = std::size_t{g} * group_in_;
+        const std::size_t out = std::size_t{g} * group_out_;
+        kernels_->row_pair_times_matrix(input_a + in, input_b + in,
+                                        weights_ + in * group_out_, group_in_, group_out_,
+                                        output_a + out, output_b + out);
+    }
+}
+
 } // namespace quelora::denoise

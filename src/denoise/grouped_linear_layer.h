@@ -15,6 +15,11 @@ public:
                          uint32_t groups);
     // input_size floats in, output_size floats out. Never allocates.
     void forward(const float* input, float* output); // output must not alias input
+    // forward(input_a, output_a) and forward(input_b, output_b) in one pass
+    // over the weights (the two hops of a block). No output may alias an
+    // input or the other output. Never allocates.
+    void forward_pair(const float* input_a, const float* input_b, float* output_a,
+                      float* output_b);
     uint32_t input_size() const { return group_in_ * groups_; }
     uint32_t output_size() const { return group_out_ * groups_; }
 

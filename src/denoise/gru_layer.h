@@ -21,11 +21,22 @@ public:
     // output receives the new hidden state (hidden_size floats); may not alias input.
     // Never allocates.
     void forward(const float* input, float* output);
+    // Two consecutive steps, forward(input_a, output_a) then
+    // forward(input_b, output_b), with the input-side products of both
+    // taken in one pass over the input weights (the recurrent ones cannot:
+    // step b needs step a's state). No output may alias an input or the
+    // other output. Never allocates.
+    void forward_pair(const float* input_a, const float* input_b, float* output_a,
+                      float* output_b);
     const float* hidden_state() const { return hidden_.data(); }
     uint32_t input_size() const { return input_size_; }
     uint32_t hidden_size() const { return hidden_size_; }
 
 private:
+    // The rest of a step once input_gates holds W_i· x: the recurrent
+    // product, the gates and the new state. Overwrites input_gates.
+    void step(float* input_gates, float* output);
+
     uint32_t input_size_, hidden_size_;
     // Gate order r, z, n; the weight table stores each triple as one
     // [3H][cols] block, which is then multiplied in a single product.
@@ -37,6 +48,7 @@ private:
     const matvec_kernels* kernels_;   // chosen for this processor at construction
     std::vector<float> hidden_;       // h, zero at construction
     std::vector<float> input_gates_;  // W_i· x for r, z, n (3H)
+    std::vector<float> input_gates_b_; // the same for forward_pair's second step
     std::vector<float> hidden_gates_; // W_h· h for r, z, n (3H)
 };
 

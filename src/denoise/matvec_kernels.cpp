@@ -49,7 +49,24 @@ void portable_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t
         Eigen::Map<const row_major>(a, rows, inner) * Eigen::Map<const row_major>(b, inner, cols);
 }
 
-const matvec_kernels portable{portable_matrix_vector, portable_matrix_matrix, "portable"};
+// The pair kernels of the portable version are the two single products:
+// bit-identical to two separate calls, which is all a processor without
+// AVX2 needs (the shared pass over the weights is a speed matter only).
+void portable_matrix_vector_pair(const float* a, uint32_t rows, uint32_t cols, const float* x0,
+                                 const float* x1, float* y0, float* y1) {
+    portable_matrix_vector(a, rows, cols, x0, y0);
+    portable_matrix_vector(a, rows, cols, x1, y1);
+}
+
+void portable_row_pair_times_matrix(const float* a0, const float* a1, const float* b, uint32_t k,
+                                    uint32_t n, float* c0, float* c1) {
+    portable_matrix_matrix(a0, b, 1, k, n, c0);
+    portable_matrix_matrix(a1, b, 1, k, n, c1);
+}
+
+const matvec_kernels portable{portable_matrix_vector, portable_matrix_matrix,
+                              portable_matrix_vector_pair, portable_row_pair_times_matrix,
+                              "portable"};
 
 #if QUELORA_HAVE_AVX2_KERNELS
 
@@ -200,7 +217,119 @@ QUELORA_AVX2 void avx2_matrix_matrix(const float* a, const float* b, uint32_t m,
     for (; i < m; ++i) product_rows<1, 8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
 }
 
-const matvec_kernels avx2_fma{avx2_matrix_vector, avx2_matrix_matrix, "avx2_fma"};
+// R rows of a, each dotted with x0 and with x1: every row vector is loaded
+// once for both. One accumulator per (row, vector): with R = 4 that is
+// eight independent FMA chains, and eleven registers in all.
+template <int R>
+QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t cols,
+                                const float* x0, const float* x1, float* y0, float* y1) {
+    __m256 s0[R], s1[R];
+    for (int r = 0; r < R; ++r) s0[r] = s1[r] = _mm256_setzero_ps();
+    uint32_t c = 0;
+    for (; c + 8 <= cols; c += 8) {
+        const __m256 v0 = _mm256_loadu_ps(x0 + c);
+        const __m256 v1 = _mm256_loadu_ps(x1 + c);
+        for (int r = 0; r < R; ++r) {
+            const __m256 w = _mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c);
+            s0[r] = _mm256_fmadd_ps(w, v0, s0[r]);
+            s1[r] = _mm256_fmadd_ps(w, v1, s1[r]);
+        }
+    }
+    if (c < cols) {
+        const __m256i mask = first_lanes(cols - c);
+        const __m256 v0 = _mm256_maskload_ps(x0 + c, mask);
+        const __m256 v1 = _mm256_maskload_ps(x1 + c, mask);
+        for (int r = 0; r < R; ++r) {
+            const __m256 w =
+                _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask);
+            s0[r] = _mm256_fmadd_ps(w, v0, s0[r]);
+            s1[r] = _mm256_fmadd_ps(w, v1, s1[r]);
+        }
+    }
+    if constexpr (R == 4) {
+        _mm_storeu_ps(y0, horizontal_sums(s0[0], s0[1], s0[2], s0[3]));
+        _mm_storeu_ps(y1, horizontal_sums(s1[0], s1[1], s1[2], s1[3]));
+    } else {
+        for (int r = 0; r < R; ++r) {
+            y0[r] = horizontal_sum(s0[r]);
+            y1[r] = horizontal_sum(s1[r]);
+        }
+    }
+}
+
+QUELORA_AVX2 void avx2_matrix_vector_pair(const float* a, uint32_t rows, uint32_t cols,
+                                          const float* x0, const float* x1, float* y0,
+                                          float* y1) {
+    const std::size_t stride = cols;
+    uint32_t r = 0;
+    for (; r + 4 <= rows; r += 4)
+        dot_rows_pair<4>(a + r * stride, stride, cols, x0, x1, y0 + r, y1 + r);
+    for (; r < rows; ++r) dot_rows_pair<1>(a + r * stride, stride, cols, x0, x1, y0 + r, y1 + r);
+}
+
+// A 2 x 8V tile of the two products a0 b and a1 b: each step loads V
+// vectors of one row of b and uses them for both rows (2V accumulators,
+// V loaded vectors and two broadcasts: at most 14 registers for V = 4).
+// With Partial the last vector is the row's masked tail.
+template <int V, bool Partial>
+QUELORA_AVX2 void pair_tile(const float* a0, const float* a1, const float* b, std::size_t ldb,
+                            uint32_t k, float* c0, float* c1, __m256i tail) {
+    __m256 acc0[V], acc1[V];
+    for (int v = 0; v < V; ++v) acc0[v] = acc1[v] = _mm256_setzero_ps();
+    for (uint32_t l = 0; l < k; ++l) {
+        const float* b_row = b + l * ldb;
+        const __m256 s0 = _mm256_broadcast_ss(a0 + l);
+        const __m256 s1 = _mm256_broadcast_ss(a1 + l);
+        for (int v = 0; v < V; ++v) {
+            const __m256 bv = Partial && v == V - 1 ? _mm256_maskload_ps(b_row + 8 * v, tail)
+                                                    : _mm256_loadu_ps(b_row + 8 * v);
+            acc0[v] = _mm256_fmadd_ps(s0, bv, acc0[v]);
+            acc1[v] = _mm256_fmadd_ps(s1, bv, acc1[v]);
+        }
+    }
+    for (int v = 0; v < V; ++v) {
+        if (Partial && v == V - 1) {
+            _mm256_maskstore_ps(c0 + 8 * v, tail, acc0[v]);
+            _mm256_maskstore_ps(c1 + 8 * v, tail, acc1[v]);
+        } else {
+            _mm256_storeu_ps(c0 + 8 * v, acc0[v]);
+            _mm256_storeu_ps(c1 + 8 * v, acc1[v]);
+        }
+    }
+}
+
+// A pair tile of `vectors` (1..V) column vectors: picks the instantiation.
+template <int V>
+QUELORA_AVX2 void pair_tile_of(uint32_t vectors, bool partial, const float* a0, const float* a1,
+                               const float* b, std::size_t ldb, uint32_t k, float* c0,
+                               float* c1, __m256i tail) {
+    if constexpr (V > 1) {
+        if (vectors < static_cast<uint32_t>(V)) {
+            pair_tile_of<V - 1>(vectors, partial, a0, a1, b, ldb, k, c0, c1, tail);
+            return;
+        }
+    }
+    if (partial)
+        pair_tile<V, true>(a0, a1, b, ldb, k, c0, c1, tail);
+    else
+        pair_tile<V, false>(a0, a1, b, ldb, k, c0, c1, tail);
+}
+
+QUELORA_AVX2 void avx2_row_pair_times_matrix(const float* a0, const float* a1, const float* b,
+                                             uint32_t k, uint32_t n, float* c0, float* c1) {
+    constexpr uint32_t tile = 4;
+    const uint32_t vectors = (n + 7) / 8;
+    const bool partial = n % 8 != 0;
+    const __m256i tail = first_lanes(partial ? n % 8 : 8);
+    for (uint32_t v = 0; v < vectors; v += tile) {
+        const uint32_t count = vectors - v < tile ? vectors - v : tile;
+        pair_tile_of<tile>(count, partial && v + count == vectors, a0, a1, b + 8 * v, n, k,
+                           c0 + 8 * v, c1 + 8 * v, tail);
+    }
+}
+
+const matvec_kernels avx2_fma{avx2_matrix_vector, avx2_matrix_matrix, avx2_matrix_vector_pair,
+                              avx2_row_pair_times_matrix, "avx2_fma"};
 
 #endif // QUELORA_HAVE_AVX2_KERNELS
 

@@ -22,6 +22,16 @@ struct matvec_kernels {
     // the grouped linear layer's row vector times matrix.
     void (*matrix_matrix)(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
                           float* c);
+    // y0 = a x0 and y1 = a x1 in one pass over a (two hops of the model
+    // sharing each loaded row, so the weights leave the cache once per
+    // block). Neither y may alias a, x0 or x1, nor the other y.
+    void (*matrix_vector_pair)(const float* a, uint32_t rows, uint32_t cols, const float* x0,
+                               const float* x1, float* y0, float* y1);
+    // c0 = a0 b and c1 = a1 b for two row vectors a0, a1 (k floats) and the
+    // row-major k x n matrix b, in one pass over b: the grouped linear layer
+    // for two hops. Neither c may alias a0, a1, b or the other c.
+    void (*row_pair_times_matrix)(const float* a0, const float* a1, const float* b, uint32_t k,
+                                  uint32_t n, float* c0, float* c1);
     const char* name;
 };
 

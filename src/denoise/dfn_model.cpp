@@ -1,0 +1,340 @@
+#include "denoise/dfn_model.h"
+
+#include "denoise/dfn_constants.h"
+#include "denoise/dfn_weight_layout.h"
+#include "dsp/vector_ops.h"
+
+#include <array>
+#include <cstring>
+
+namespace quelora::denoise {
+
+namespace {
+
+constexpr uint32_t ch = 64;            // channels of every encoder/decoder map
+constexpr uint32_t erb = dfn_erb_bands; // 32
+constexpr uint32_t df = dfn_df_bins;    // 96
+constexpr uint32_t df_path_frames = 5;  // the DF path convolution's time kernel
+constexpr uint32_t df_out_channels = 2 * dfn_df_order; // 10: tap x (re, im)
+constexpr uint32_t hidden = 256;
+
+// The constructors below take their tensors one statement at a time: the
+// reader hands them out in table order, and function arguments have no
+// evaluation order.
+conv2d_layer conv(dfn_weight_reader& r, uint32_t time, uint32_t freq, uint32_t in,
+                  uint32_t kernel_time, uint32_t kernel_freq, int32_t stride, uint32_t out,
+                  uint32_t groups) {
+    const float* w = r.take(tensor_kind::weight, out * (in / groups) * kernel_time * kernel_freq);
+    return conv2d_layer(time, freq, in, w, kernel_time, kernel_freq, stride, out, 0, 0, groups);
+}
+
+// A 1x1 convolution with groups 1 (the pointwise half of a separable one).
+conv2d_layer pointwise(dfn_weight_reader& r, uint32_t freq, uint32_t in, uint32_t out) {
+    return conv(r, 1, freq, in, 1, 1, 1, out, 1);
+}
+
+// Rows 31 and 36: depthwise 1x3, padding (0, 1), output padding (0, 1), stride (1, 2).
+conv_transpose2d_layer upsample(dfn_weight_reader& r, uint32_t freq) {
+    const float* w = r.take(tensor_kind::weight, ch * 3);
+    return conv_transpose2d_layer(1, freq, ch, w, 1, 3, 0, 1, 0, 1, 1, 2, ch, ch);
+}
+
+batch_norm_layer norm(dfn_weight_reader& r, uint32_t channels, uint32_t freq) {
+    const float* scale = r.take(tensor_kind::bn_scale, channels);
+    const float* shift = r.take(tensor_kind::bn_shift, channels);
+    const float* mean = r.take(tensor_kind::bn_mean, channels);
+    const float* variance = r.take(tensor_kind::bn_variance, channels);
+    return batch_norm_layer(scale, shift, mean, variance, channels, 1, freq);
+}
+
+grouped_linear_layer linear(dfn_weight_reader& r, uint32_t in, uint32_t out) {
+    constexpr uint32_t groups = 8;
+    const float* w = r.take(tensor_kind::weight, in * out / groups);
+    return grouped_linear_layer(w, in, out, groups);
+}
+
+gru_layer gru(dfn_weight_reader& r) {
+    std::array<const float*, 12> t{};
+    for (int i = 0; i < 6; ++i) t[i] = r.take(tensor_kind::weight, hidden * hidden);
+    for (int i = 6; i < 12; ++i) t[i] = r.take(tensor_kind::gru_bias, hidden);
+    return gru_layer(hidden, hidden, t[0], t[1], t[2], t[3], t[4], t[5], t[6], t[7], t[8], t[9],
+                     t[10], t[11]);
+}
+
+// y := ReLU(y) after a batch norm in place: the "+ BN + ReLU" of every stage.
+void norm_relu(batch_norm_layer& bn, float* map, std::size_t count) {
+    bn.forward(map, map);
+    relu(map, map, count);
+}
+
+} // namespace
+
+// Members in the order of Part 5.2's table: their initialisers take the
+// tensors in that order.
+struct dfn_model::layers {
+    explicit layers(dfn_weight_reader& r)
+        : erb_conv0(conv(r, 3, erb, 1, 3, 3, 1, ch, 1)), erb_bn0(norm(r, ch, erb)),
+          erb_dw1(conv(r, 1, erb, ch, 1, 3, 2, ch, ch)), erb_pw1(pointwise(r, 16, ch, ch)),
+          erb_bn1(norm(r, ch, 16)), erb_dw2(conv(r, 1, 16, ch, 1, 3, 2, ch, ch)),
+          erb_pw2(pointwise(r, 8, ch, ch)), erb_bn2(norm(r, ch, 8)),
+          erb_dw3(conv(r, 1, 8, ch, 1, 3, 1, ch, ch)), erb_pw3(pointwise(r, 8, ch, ch)),
+          erb_bn3(norm(r, ch, 8)), df_conv0(conv(r, 3, df, 2, 3, 3, 1, ch, 2)),
+          df_pw0(pointwise(r, df, ch, ch)), df_bn0(norm(r, ch, df)),
+          df_dw1(conv(r, 1, df, ch, 1, 3, 2, ch, ch)), df_pw1(pointwise(r, 48, ch, ch)),
+          df_bn1(norm(r, ch, 48)), df_embedding(linear(r, 3072, 512)),
+          embedding_in(linear(r, 1024, hidden)), gru1(gru(r)),
+          embedding_middle(linear(r, hidden, hidden)), gru2(gru(r)),
+          embedding_out(linear(r, hidden, 512)), path3(conv(r, 1, 8, ch, 1, 1, 1, ch, ch)),
+          path3_bn(norm(r, ch, 8)), dec_dw3(conv(r, 1, 8, ch, 1, 3, 1, ch, ch)),
+          dec_pw3(pointwise(r, 8, ch, ch)), dec_bn3(norm(r, ch, 8)),
+          path2(conv(r, 1, 8, ch, 1, 1, 1, ch, ch)), path2_bn(norm(r, ch, 8)),
+          up2_dw(upsample(r, 8)), up2_pw(pointwise(r, 16, ch, ch)), up2_bn(norm(r, ch, 16)),
+          path1(conv(r, 1, 16, ch, 1, 1, 1, ch, ch)), path1_bn(norm(r, ch, 16)),
+          up1_dw(upsample(r, 16)), up1_pw(pointwise(r, erb, ch, ch)), up1_bn(norm(r, ch, erb)),
+          path0(conv(r, 1, erb, ch, 1, 1, 1, ch, ch)), path0_bn(norm(r, ch, erb)),
+          erb_out(conv(r, 1, erb, ch, 1, 3, 1, 1, 1)), erb_out_bn(norm(r, 1, erb)),
+          df_path(conv(r, df_path_frames, df, ch, df_path_frames, 1, 1, df_out_channels, 2)),
+          df_path_pw(pointwise(r, df, df_out_channels, df_out_channels)),
+          df_path_bn(norm(r, df_out_channels, df)), df_in(linear(r, hidden, hidden)),
+          gru3(gru(r)), df_out(linear(r, hidden, df * df_out_channels)) {}
+
+    conv2d_layer erb_conv0;
+    batch_norm_layer erb_bn0;
+    conv2d_layer erb_dw1, erb_pw1;
+    batch_norm_layer erb_bn1;
+    conv2d_layer erb_dw2, erb_pw2;
+    batch_norm_layer erb_bn2;
+    conv2d_layer erb_dw3, erb_pw3;
+    batch_norm_layer erb_bn3;
+    conv2d_layer df_conv0, df_pw0;
+    batch_norm_layer df_bn0;
+    conv2d_layer df_dw1, df_pw1;
+    batch_norm_layer df_bn1;
+    grouped_linear_layer df_embedding, embedding_in;
+    gru_layer gru1;
+    grouped_linear_layer embedding_middle;
+    gru_layer gru2;
+    grouped_linear_layer embedding_out;
+    conv2d_layer path3;
+    batch_norm_layer path3_bn;
+    conv2d_layer dec_dw3, dec_pw3;
+    batch_norm_layer dec_bn3;
+    conv2d_layer path2;
+    batch_norm_layer path2_bn;
+    conv_transpose2d_layer up2_dw;
+    conv2d_layer up2_pw;
+    batch_norm_layer up2_bn;
+    conv2d_layer path1;
+    batch_norm_layer path1_bn;
+    conv_transpose2d_layer up1_dw;
+    conv2d_layer up1_pw;
+    batch_norm_layer up1_bn;
+    conv2d_layer path0;
+    batch_norm_layer path0_bn;
+    conv2d_layer erb_out;
+    batch_norm_layer erb_out_bn;
+    conv2d_layer df_path, df_path_pw;
+    batch_norm_layer df_path_bn;
+    grouped_linear_layer df_in;
+    gru_layer gru3;
+    grouped_linear_layer df_out;
+};
+
+std::unique_ptr<dfn_model::layers> dfn_model::build_layers(const float* table) {
+    dfn_weight_reader reader(table);
+    auto built = std::make_unique<layers>(reader);
+    reader.finish();
+    return built;
+}
+
+dfn_model::hop_buffers::hop_buffers()
+    : e0(ch * erb), e1(ch * 16), e2(ch * 8), e3(ch * 8), flat(3072), joined(1024), h1(hidden),
+      x(hidden), y(hidden), emb(hidden), gru3_out(hidden), decoded(512), gains(erb),
+      p(df * df_out_channels), coefficients(df * df_out_channels) {}
+
+dfn_model::dfn_model(const float* table)
+    : layers_(build_layers(table)), synthesis_(analysis_.band_widths()), c0_(ch * df),
+      c1_(ch * 48), df_path_history_(ch * df_path_frames * df), wide_(ch * df),
+      skip_(ch * erb), up_(ch * erb), df_path_(df_out_channels * df) {}
+
+dfn_model::~dfn_model() = default;
+
+// Part 5.2 per hop, steps 2-3 (docs/dfn.md section 3), and what of steps 4
+// and 6 depends on this hop's encoders alone: the flattened maps the
+// embedding reads and the DF path output p, which must be taken before the
+// next hop pushes its c0 into the DF-path history.
+void dfn_model::encode(hop_buffers& hop) {
+    layers& l = *layers_;
+    l.erb_conv0.forward(analysis_.erb_features(), hop.e0.data());
+    norm_relu(l.erb_bn0, hop.e0.data(), hop.e0.size());
+    l.erb_dw1.forward(hop.e0.data(), wide_.data());
+    l.erb_pw1.forward(wide_.data(), hop.e1.data());
+    norm_relu(l.erb_bn1, hop.e1.data(), hop.e1.size());
+    l.erb_dw2.forward(hop.e1.data(), wide_.data());
+    l.erb_pw2.forward(wide_.data(), hop.e2.data());
+    norm_relu(l.erb_bn2, hop.e2.data(), hop.e2.size());
+    l.erb_dw3.forward(hop.e2.data(), wide_.data());
+    l.erb_pw3.forward(wide_.data(), hop.e3.data());
+    norm_relu(l.erb_bn3, hop.e3.data(), hop.e3.size());
+
+    l.df_conv0.forward(analysis_.complex_features(), wide_.data());
+    l.df_pw0.forward(wide_.data(), c0_.data());
+    norm_relu(l.df_bn0, c0_.data(), c0_.size());
+    // The DF path convolution reads [channel][hop][bin] over the last five
+    // hops: shift every channel's hops by one and append c0 as the newest.
+    for (uint32_t c = 0; c < ch; ++c) {
+        float* rows = df_path_history_.data() + c * df_path_frames * df;
+        std::memmove(rows, rows + df, (df_path_frames - 1) * df * sizeof(float));
+        std::memcpy(rows + (df_path_frames - 1) * df, c0_.data() + c * df, df * sizeof(float));
+    }
+    l.df_dw1.forward(c0_.data(), wide_.data());
+    l.df_pw1.forward(wide_.data(), c1_.data());
+    norm_relu(l.df_bn1, c1_.data(), c1_.size());
+
+    // Step 6's DF path over the five hops ending at this one.
+    l.df_path.forward(df_path_history_.data(), wide_.data());
+    l.df_path_pw.forward(wide_.data(), df_path_.data());
+    norm_relu(l.df_path_bn, df_path_.data(), df_path_.size());
+    transpose(df_path_.data(), hop.p.data(), df_out_channels, df);
+
+    // Step 4's inputs: c1 as [bin][channel], e3 as [band][channel].
+    transpose(c1_.data(), hop.flat.data(), ch, 48);
+    transpose(hop.e3.data(), hop.joined.data(), ch, 8);
+}
+
+// Step 4: the embedding; h1 keeps GRU 1's output for the DF decoder.
+void dfn_model::embed(hop_buffers& hop) {
+    layers& l = *layers_;
+    float* df_emb = hop.joined.data() + 512;
+    l.df_embedding.forward(hop.flat.data(), df_emb);
+    relu(df_emb, df_emb, 512);
+    l.embedding_in.forward(hop.joined.data(), hop.x.data());
+    relu(hop.x.data(), hop.x.data(), hidden);
+    l.gru1.forward(hop.x.data(), hop.h1.data());
+    l.embedding_middle.forward(hop.h1.data(), hop.x.data());
+    relu(hop.x.data(), hop.x.data(), hidden);
+    l.gru2.forward(hop.x.data(), hop.emb.data());
+    dsp::add(hop.x.data(), hop.emb.data(), static_cast<int32_t>(hidden));
+    l.embedding_out.forward(hop.emb.data(), hop.decoded.data());
+    relu(hop.decoded.data(), hop.decoded.data(), 512);
+}
+
+// embed for a block's two hops, every weight read once for both (the GRUs'
+// recurrent products excepted: hop b's step needs hop a's state).
+void dfn_model::embed_pair(hop_buffers& a, hop_buffers& b) {
+    layers& l = *layers_;
+    const auto relu2 = [](std::vector<float>& u, std::vector<float>& v, std::size_t count) {
+        relu(u.data(), u.data(), count);
+        relu(v.data(), v.data(), count);
+    };
+    float* df_emb_a = a.joined.data() + 512;
+    float* df_emb_b = b.joined.data() + 512;
+    l.df_embedding.forward_pair(a.flat.data(), b.flat.data(), df_emb_a, df_emb_b);
+    relu(df_emb_a, df_emb_a, 512);
+    relu(df_emb_b, df_emb_b, 512);
+    l.embedding_in.forward_pair(a.joined.data(), b.joined.data(), a.x.data(), b.x.data());
+    relu2(a.x, b.x, hidden);
+    l.gru1.forward_pair(a.x.data(), b.x.data(), a.h1.data(), b.h1.data());
+    l.embedding_middle.forward_pair(a.h1.data(), b.h1.data(), a.x.data(), b.x.data());
+    relu2(a.x, b.x, hidden);
+    l.gru2.forward_pair(a.x.data(), b.x.data(), a.emb.data(), b.emb.data());
+    dsp::add(a.x.data(), a.emb.data(), static_cast<int32_t>(hidden));
+    dsp::add(b.x.data(), b.emb.data(), static_cast<int32_t>(hidden));
+    l.embedding_out.forward_pair(a.emb.data(), b.emb.data(), a.decoded.data(),
+                                 b.decoded.data());
+    relu2(a.decoded, b.decoded, 512);
+}
+
+// Step 5: the ERB decoder, deepest stage first, ending in 32 gains.
+void dfn_model::decode_erb(hop_buffers& hop) {
+    layers& l = *layers_;
+    transpose(hop.decoded.data(), up_.data(), 8, ch); // [band][channel] -> [channel][band]
+
+    const auto skip_add = [&](conv2d_layer& path, batch_norm_layer& bn, const float* encoder,
+                              std::size_t count) {
+        path.forward(encoder, skip_.data());
+        norm_relu(bn, skip_.data(), count);
+        dsp::add(up_.data(), skip_.data(), static_cast<int32_t>(count));
+    };
+    skip_add(l.path3, l.path3_bn, hop.e3.data(), ch * 8);
+    l.dec_dw3.forward(skip_.data(), wide_.data());
+    l.dec_pw3.forward(wide_.data(), up_.data());
+    norm_relu(l.dec_bn3, up_.data(), ch * 8);
+
+    skip_add(l.path2, l.path2_bn, hop.e2.data(), ch * 8);
+    l.up2_dw.forward(skip_.data(), wide_.data());
+    l.up2_pw.forward(wide_.data(), up_.data());
+    norm_relu(l.up2_bn, up_.data(), ch * 16);
+
+    skip_add(l.path1, l.path1_bn, hop.e1.data(), ch * 16);
+    l.up1_dw.forward(skip_.data(), wide_.data());
+    l.up1_pw.forward(wide_.data(), up_.data());
+    norm_relu(l.up1_bn, up_.data(), ch * erb);
+
+    skip_add(l.path0, l.path0_bn, hop.e0.data(), ch * erb);
+    l.erb_out.forward(skip_.data(), hop.gains.data());
+    l.erb_out_bn.forward(hop.gains.data(), hop.gains.data());
+    sigmoid(hop.gains.data(), hop.gains.data(), erb);
+}
+
+// Step 6: deep-filter coefficients from h1 plus the DF path output p.
+void dfn_model::decode_df(hop_buffers& hop) {
+    layers& l = *layers_;
+    l.df_in.forward(hop.h1.data(), hop.y.data());
+    relu(hop.y.data(), hop.y.data(), hidden);
+    l.gru3.forward(hop.y.data(), hop.gru3_out.data());
+    dsp::add(hop.y.data(), hop.gru3_out.data(), static_cast<int32_t>(hidden));
+    l.df_out.forward(hop.gru3_out.data(), hop.coefficients.data());
+    tanh(hop.coefficients.data(), hop.coefficients.data(), hop.coefficients.size());
+    dsp::add(hop.p.data(), hop.coefficients.data(),
+             static_cast<int32_t>(hop.coefficients.size()));
+}
+
+// decode_df for a block's two hops, sharing the weight passes as embed_pair.
+void dfn_model::decode_df_pair(hop_buffers& a, hop_buffers& b) {
+    layers& l = *layers_;
+    l.df_in.forward_pair(a.h1.data(), b.h1.data(), a.y.data(), b.y.data());
+    relu(a.y.data(), a.y.data(), hidden);
+    relu(b.y.data(), b.y.data(), hidden);
+    l.gru3.forward_pair(a.y.data(), b.y.data(), a.gru3_out.data(), b.gru3_out.data());
+    dsp::add(a.y.data(), a.gru3_out.data(), static_cast<int32_t>(hidden));
+    dsp::add(b.y.data(), b.gru3_out.data(), static_cast<int32_t>(hidden));
+    l.df_out.forward_pair(a.gru3_out.data(), b.gru3_out.data(), a.coefficients.data(),
+                          b.coefficients.data());
+    for (hop_buffers* hop : {&a, &b}) {
+        tanh(hop->coefficients.data(), hop->coefficients.data(), hop->coefficients.size());
+        dsp::add(hop->p.data(), hop->coefficients.data(),
+                 static_cast<int32_t>(hop->coefficients.size()));
+    }
+}
+
+void dfn_model::process_hop(const float* window, float* output) {
+    hop_buffers& hop = hops_[0];
+    analysis_.process(window);
+    encode(hop);
+    embed(hop);
+    decode_erb(hop);
+    decode_df(hop);
+    synthesis_.process(analysis_, hop.gains.data(), hop.coefficients.data(), output);
+    last_ = 0;
+}
+
+void dfn_model::process_block(const float* window_a, const float* window_b, float* output_a,
+                              float* output_b) {
+    hop_buffers& a = hops_[0];
+    hop_buffers& b = hops_[1];
+    analysis_.process(window_a);
+    encode(a);
+    analysis_.process(window_b);
+    encode(b);
+    embed_pair(a, b);
+    decode_erb(a);
+    decode_erb(b);
+    decode_df_pair(a, b);
+    // Hop a's spectra now lie one hop further back than process_hop sees them.
+    synthesis_.process(analysis_, a.gains.data(), a.coefficients.data(), output_a, 1);
+    synthesis_.process(analysis_, b.gains.data(), b.coefficients.data(), output_b, 0);
+    last_ = 1;
+}
+
+} // namespace quelora::denoise

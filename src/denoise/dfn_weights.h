@@ -1,0 +1,11 @@
+// The read-only weight table the library compiles in (spec Part 5.2, "Weight
+// table"): data/dfn_weights.bin, 1 517 904 little-endian float32 values in
+// the order of dfn_weight_layout.h, embedded by the assembler at build time.
+// training/dfn/README.md says how the committed table was produced.
+#pragma once
+
+namespace quelora::denoise {
+
+const float* dfn_default_weights();
+
+} // namespace quelora::denoise
