@@ -10,7 +10,10 @@
 // new and delete (clang puts them in a whole-archive runtime library), so a
 // replacement would be a duplicate definition: there the file counts through
 // the sanitizer's malloc hook instead, which sees every allocation, operator
-// new's included, and malloc's as well.
+// new's included, and malloc's as well. So that ordinary builds see C
+// allocations too (Eigen's temporaries and KissFFT's plans come from
+// malloc), they also interpose glibc's malloc family, forwarding to its
+// __libc_* entry points.
 //
 // Through the C API: a room with a 48 kHz mono, a 16 kHz mono (input
 // resampler), a 48 kHz stereo and a listener-only participant, for a
@@ -27,6 +30,7 @@
 #include <quelora/quelora.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -83,6 +87,44 @@ const bool hooks_installed = __sanitizer_install_malloc_and_free_hooks(on_malloc
 
 #else // the counting replacement of the global allocation functions
 
+// glibc's own allocator entry points, which the interposed C functions below
+// and the replaced operator new forward to (each allocation counted once).
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* pointer, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+}
+
+extern "C" void* malloc(std::size_t size) noexcept {
+    note_allocation();
+    return __libc_malloc(size);
+}
+extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
+    note_allocation();
+    return __libc_calloc(count, size);
+}
+extern "C" void* realloc(void* pointer, std::size_t size) noexcept {
+    note_allocation();
+    return __libc_realloc(pointer, size);
+}
+extern "C" void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+    note_allocation();
+    return __libc_memalign(alignment, size);
+}
+extern "C" void* memalign(std::size_t alignment, std::size_t size) noexcept {
+    note_allocation();
+    return __libc_memalign(alignment, size);
+}
+extern "C" int posix_memalign(void** result, std::size_t alignment, std::size_t size) noexcept {
+    note_allocation();
+    if (alignment < sizeof(void*) || (alignment & (alignment - 1)) != 0) return EINVAL;
+    void* p = __libc_memalign(alignment, size);
+    if (p == nullptr) return ENOMEM;
+    *result = p;
+    return 0;
+}
+
 namespace {
 
 [[noreturn]] void out_of_memory() { throw std::bad_alloc(); }
@@ -91,7 +133,7 @@ void* allocate(std::size_t size) {
     note_allocation();
     if (size == 0) size = 1;
     while (true) {
-        if (void* p = std::malloc(size)) return p;
+        if (void* p = __libc_malloc(size)) return p;
         std::new_handler handler = std::get_new_handler();
         if (handler == nullptr) out_of_memory();
         handler();
@@ -104,7 +146,7 @@ void* allocate_aligned(std::size_t size, std::align_val_t alignment) {
     // aligned_alloc wants a size that is a multiple of the alignment.
     const std::size_t rounded = (std::max<std::size_t>(size, 1) + align - 1) / align * align;
     while (true) {
-        if (void* p = std::aligned_alloc(align, rounded)) return p;
+        if (void* p = __libc_memalign(align, rounded)) return p;
         std::new_handler handler = std::get_new_handler();
         if (handler == nullptr) out_of_memory();
         handler();
@@ -500,6 +542,30 @@ TEST(Part4_2_AllocationCounter, NoInputAudioPathAllocatesOnlyWhenTheLevel1LineIs
     std::printf("no-input-audio output calls with the level-1 line emitted: %ld allocations "
                 "for 200 calls\n",
                 emitted);
+}
+
+} // namespace
+
+namespace {
+
+// The counter sees C allocations too (Eigen's and KissFFT's come from the
+// malloc family), in ordinary and sanitizer builds alike.
+TEST(Part4_2_AllocationCounter, CountsTheMallocFamily) {
+    allocation_counter counter;
+    counter.start();
+    void* volatile a = std::malloc(64);
+    void* volatile b = std::calloc(4, 16);
+    void* volatile c = std::realloc(nullptr, 32);
+    void* volatile d = std::aligned_alloc(64, 128);
+    void* e = nullptr;
+    EXPECT_EQ(posix_memalign(&e, 64, 128), 0);
+    const long counted = counter.stop();
+    std::free(a);
+    std::free(b);
+    std::free(c);
+    std::free(d);
+    std::free(e);
+    EXPECT_EQ(counted, 5);
 }
 
 } // namespace

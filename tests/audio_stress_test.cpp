@@ -88,6 +88,9 @@ struct member {
     sample output;
     // Whether the control thread toggles this participant's stereo bypass.
     bool bypass_toggled;
+    // Whether the control thread toggles its noise cancellation (the DFN
+    // canceller of Part 5.2 then runs on its input thread).
+    bool anc_toggled = false;
 
     bool talks() const { return type != QEL_PARTICIPANT_LISTENER_ONLY; }
     bool listens() const { return type != QEL_PARTICIPANT_SOURCE_ONLY; }
@@ -101,7 +104,7 @@ constexpr int32_t listener_only = QEL_PARTICIPANT_LISTENER_ONLY;
 
 // Room 1, one host thread each.
 constexpr member long_lived[] = {
-    {main_room, 1, 48000, 2, regular, sample::f32, sample::f32, false},
+    {main_room, 1, 48000, 2, regular, sample::f32, sample::f32, false, true},
     {main_room, 2, 16000, 1, regular, sample::s16, sample::s16, false},
     {main_room, 3, 48000, 1, regular, sample::f64, sample::f64, true},
     {main_room, 4, 16000, 1, regular, sample::f32, sample::f64, false},
@@ -111,7 +114,7 @@ constexpr member long_lived[] = {
 // Room 1, added and removed by the control thread, driven by one host thread.
 constexpr member extras[] = {
     {main_room, 101, 16000, 2, regular, sample::s16, sample::f32, false},
-    {main_room, 102, 48000, 1, regular, sample::f64, sample::f64, false},
+    {main_room, 102, 48000, 1, regular, sample::f64, sample::f64, false, true},
     {main_room, 103, 8000, 1, regular, sample::f32, sample::s16, false},
 };
 // Room 2 (open), destroyed and re-created by the control thread.
@@ -129,15 +132,18 @@ constexpr member open_members[] = {
 // limiter. So 1 is the bound. With stereo bypass the limiter and master gain
 // are skipped, and the plain mix (Part 4.2 mix step 4) is bounded by the sum
 // over every possible source of its level times its ear gain (1 for stereo,
-// 1/sqrt(2) for mono; pair gains are at most 1, and no input stage changes
-// the level since ANC, AGC and auto EQ stay off); the factor 1.1 covers the
-// input resampler's passband ripple.
+// 1/sqrt(2) for mono; pair gains are at most 1, and AGC and auto EQ stay
+// off). A talker whose noise cancellation is toggled may reach full scale
+// instead: the canceller's output is only bounded by its clip to [-1, 1]
+// (Part 5.2 block routine step 6). The factor 1.1 covers the input
+// resampler's passband ripple.
 double output_bound(const member& m) {
     if (!m.bypass_toggled) return 1.0;
     double sum = 0.0;
     auto add = [&](const member& source) {
         if (source.id != m.id && source.talks()) {
-            sum += talker_level * (source.channels == 2 ? 1.0 : 0.70710678);
+            const double level = source.anc_toggled ? 1.0 : talker_level;
+            sum += level * (source.channels == 2 ? 1.0 : 0.70710678);
         }
     };
     for (const member& s : long_lived) add(s);
@@ -247,6 +253,7 @@ enum control_op : int {
     op_3d,
     op_bypass,
     op_device,
+    op_noise_cancellation,
     op_seat,
     op_position,
     op_layout,
@@ -259,8 +266,8 @@ enum control_op : int {
 const char* op_name_of(int kind) {
     static const char* names[op_kinds] = {
         "add extra",     "remove extra", "mute", "whisper/sidebar", "master gain", "3D",
-        "stereo bypass", "device",       "seat", "position",        "layout",      "flush",
-        "destroy room",  "create room"};
+        "stereo bypass", "device",       "noise cancellation", "seat", "position", "layout",
+        "flush",         "destroy room", "create room"};
     return names[kind];
 }
 
@@ -477,6 +484,12 @@ private:
             break;
         }
         case op_device: set(kind, present_member(), QEL_CONTROL_DEVICE, 1 + pick(2)); break;
+        case op_noise_cancellation: {
+            // The members marked anc_toggled: long-lived 1, and extra 102 while present.
+            const member& m = present_[1] && pick(2) == 0 ? extras[1] : long_lived[0];
+            set(kind, m, QEL_CONTROL_ANC_ENABLE, pick(2));
+            break;
+        }
         case op_seat: {
             const member& m = present_member();
             call(kind, qel_set_participant_seat(h, m.room, m.id, 1 + pick(8)), {none}, m.room,

@@ -145,29 +145,42 @@ std::vector<std::string> slots_of(const std::vector<event_call>& calls) {
 }
 
 using quelora::testing::describe;
+using quelora::testing::dfn_created;
+using quelora::testing::dfn_destroyed;
+using quelora::testing::info;
 
-// Runs one operation that must succeed with exactly one information line
-// and exactly one callback, and checks that the callback ran before the line
-// was logged. Returns the callback's record.
-event_call expect_one_call(log_capture& log, const std::string& success_line,
+// Runs one operation that must succeed with exactly one callback and exactly
+// the lines `expected`, whose last is the success line; returns the
+// callback's record. Lines logged while the change is made (the noise
+// canceller's "created"/"destroyed", Part 5.2) precede the callback, and the
+// callback precedes the success line (Part 3.5), so when the callback ran the
+// capture held exactly the lines before the success line: expected.size() - 1.
+// Fewer would mean the callback ran before the change was complete, more that
+// it ran after the success line was logged.
+event_call expect_one_call(log_capture& log, const std::vector<log_line>& expected,
                            const std::function<int()>& operation,
                            quelora::testing::call_site where = quelora::testing::call_site::current()) {
-    ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), success_line);
+    ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()),
+                                 expected.empty() ? std::string{} : expected.back().message);
     const size_t calls_before = recorded().calls.size();
     log.clear();
     EXPECT_EQ(operation(), QEL_ERROR_NONE);
-    const std::vector<log_line> lines = log.lines();
-    EXPECT_EQ(lines.size(), 1u) << describe(lines);
-    if (!lines.empty()) {
-        EXPECT_EQ(lines.back().level, QEL_LOG_INFO);
-        EXPECT_EQ(lines.back().message, success_line);
-    }
+    quelora::testing::check_lines(log.lines(), expected);
     const auto& calls = recorded().calls;
     EXPECT_EQ(calls.size(), calls_before + 1);
-    if (calls.size() != calls_before + 1) return event_call{};
+    if (calls.size() != calls_before + 1 || expected.empty()) return event_call{};
     const event_call call = calls.back();
-    EXPECT_EQ(call.log_lines_at_call, 0u) << "the callback ran after the success line was logged";
+    const size_t lines_before_success = expected.size() - 1;
+    EXPECT_EQ(call.log_lines_at_call, lines_before_success)
+        << "the callback must run after the lines of the change and before the success line";
     return call;
+}
+
+// The common case: the success line is the operation's only line.
+event_call expect_one_call(log_capture& log, const std::string& success_line,
+                           const std::function<int()>& operation,
+                           quelora::testing::call_site where = quelora::testing::call_site::current()) {
+    return expect_one_call(log, std::vector<log_line>{info(success_line)}, operation, where);
 }
 
 // A four-seat library (closed layout 10 by default) with a log capture, a
@@ -256,6 +269,8 @@ TEST(Part3_5_Events, DestroyRoomCallsSlot2WithRoomId) {
 TEST(Part3_5_Events, AddParticipantCallsSlot3WithNameAndConfiguration) {
     session s;
     ASSERT_EQ(qel_create_room(s.library, 5), QEL_ERROR_NONE);
+    // A listener-only participant has no input side, hence no noise
+    // canceller and no "Noise cancellation model" line (Part 5.2).
     const event_call call =
         expect_one_call(s.log, "A new participant with id 1 has been added to room 5", [&] {
             return qel_add_participant(
@@ -275,9 +290,9 @@ TEST(Part3_5_Events, RemoveParticipantCallsSlot4) {
     session s;
     ASSERT_EQ(qel_create_room(s.library, 5), QEL_ERROR_NONE);
     ASSERT_EQ(qel_add_participant(s.library, 5, 1, "Alice", regular()), QEL_ERROR_NONE);
-    const event_call call =
-        expect_one_call(s.log, "Participant 1 has been removed from room 5",
-                        [&] { return qel_remove_participant(s.library, 5, 1); });
+    const event_call call = expect_one_call(
+        s.log, {dfn_destroyed(), info("Participant 1 has been removed from room 5")},
+        [&] { return qel_remove_participant(s.library, 5, 1); });
     EXPECT_EQ(call.slot, "remove_participant");
     EXPECT_EQ(call.room, 5);
     EXPECT_EQ(call.participant, 1);
@@ -421,8 +436,9 @@ TEST(Part3_5_Events, NegativeIdsArriveAsSignedIntegers) {
         return qel_create_room(s.library, static_cast<uint32_t>(-5));
     });
     EXPECT_EQ(created.room, -5);
-    const event_call added =
-        expect_one_call(s.log, "A new participant with id -2 has been added to room -5", [&] {
+    const event_call added = expect_one_call(
+        s.log, {dfn_created(), info("A new participant with id -2 has been added to room -5")},
+        [&] {
             return qel_add_participant(s.library, static_cast<uint32_t>(-5),
                                        static_cast<uint32_t>(-2), "neg", regular());
         });
@@ -514,8 +530,11 @@ TEST(Part3_5_Events, DestroyingRoomWithThreeParticipantsCallsSlot2OnceAndSlot4Ne
         ASSERT_EQ(qel_add_participant(s.library, 5, participant, "p", regular()), QEL_ERROR_NONE);
     }
     recorded().calls.clear();
-    const event_call call = expect_one_call(s.log, "Room 5 was destroyed",
-                                            [&] { return qel_destroy_room(s.library, 5); });
+    // Each freed participant's canceller logs, but no participant line or
+    // callback.
+    const event_call call = expect_one_call(
+        s.log, {dfn_destroyed(), dfn_destroyed(), dfn_destroyed(), info("Room 5 was destroyed")},
+        [&] { return qel_destroy_room(s.library, 5); });
     EXPECT_EQ(call.slot, "destroy_room");
     EXPECT_EQ(slots_of(recorded().calls), std::vector<std::string>{"destroy_room"});
 }
@@ -652,8 +671,8 @@ TEST(Part3_5_Events, AddParticipantCallbackMayReadTheSameHandle) {
     // The change is made before the callback: the new participant is counted.
     EXPECT_EQ(recorded().reentry_code, QEL_ERROR_NONE);
     EXPECT_EQ(recorded().reentry_count, 1);
-    EXPECT_EQ(s.log.messages(),
-              std::vector<std::string>{"A new participant with id 1 has been added to room 5"});
+    quelora::testing::check_lines(
+        s.log.lines(), {dfn_created(), info("A new participant with id 1 has been added to room 5")});
 }
 
 } // namespace

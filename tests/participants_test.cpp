@@ -25,6 +25,8 @@ using quelora::testing::participant_count;
 using quelora::testing::regular;
 using quelora::testing::state_of;
 
+using quelora::testing::dfn_created;
+using quelora::testing::dfn_destroyed;
 using quelora::testing::expect_call;
 using quelora::testing::expect_failure_message;
 using quelora::testing::info;
@@ -112,7 +114,8 @@ struct closed_room {
 
 TEST(Part3_2_Participants, AddParticipantLogsAdditionLine) {
     open_room room;
-    expect_call(room.log, QEL_ERROR_NONE, {info(added_line(1, 1))},
+    // The participant's noise canceller (Part 5.2) is built before the line.
+    expect_call(room.log, QEL_ERROR_NONE, {dfn_created(), info(added_line(1, 1))},
                 [&] { return qel_add_participant(room.library, 1, 1, "Alice", regular()); });
     EXPECT_EQ(participant_count(room.library, 1), 1);
     EXPECT_EQ(name_of(room.library, 1, 1), "Alice");
@@ -142,7 +145,7 @@ TEST(Part3_2_Participants, SameIdInDifferentRoomsIsAllowed) {
     open_room room;
     ASSERT_EQ(qel_create_room(room.library, 2), QEL_ERROR_NONE);
     add(room.library, 1, 1);
-    expect_call(room.log, QEL_ERROR_NONE, {info(added_line(1, 2))},
+    expect_call(room.log, QEL_ERROR_NONE, {dfn_created(), info(added_line(1, 2))},
                 [&] { return qel_add_participant(room.library, 2, 1, "twin", regular()); });
 }
 
@@ -196,10 +199,11 @@ TEST(Part3_2_Participants, SupportedInputRatesAreAccepted) {
         for (int32_t channels : {1, 2}) {
             SCOPED_TRACE(::testing::Message() << rate << " Hz, " << channels << " channels");
             const int id = static_cast<int>(participant);
-            expect_call(room.log, QEL_ERROR_NONE, {info(added_line(id, 1))}, [&] {
-                return qel_add_participant(room.library, 1, participant, "x",
-                                           regular(rate, channels));
-            });
+            expect_call(room.log, QEL_ERROR_NONE, {dfn_created(), info(added_line(id, 1))},
+                        [&] {
+                            return qel_add_participant(room.library, 1, participant, "x",
+                                                       regular(rate, channels));
+                        });
             expect_configuration(configuration_of(room.library, 1, participant),
                                  regular(rate, channels));
             ++participant;
@@ -212,7 +216,13 @@ TEST(Part3_2_Participants, AllThreeParticipantTypesAreAccepted) {
     open_room room;
     for (int32_t type : {1, 2, 3}) {
         const auto id = static_cast<uint32_t>(type);
-        expect_call(room.log, QEL_ERROR_NONE, {info(added_line(type, 1))}, [&] {
+        // Regular and source-only participants have an input side with a
+        // noise canceller (Part 5.2); a listener-only one has none and logs
+        // only the addition.
+        std::vector<log_line> expected;
+        if (type != QEL_PARTICIPANT_LISTENER_ONLY) expected.push_back(dfn_created());
+        expected.push_back(info(added_line(type, 1)));
+        expect_call(room.log, QEL_ERROR_NONE, expected, [&] {
             return qel_add_participant(room.library, 1, id, "x", configuration(16000, 2, type));
         });
     }
@@ -258,7 +268,7 @@ TEST(Part3_2_Participants, RateMessagesNameTheLibrarysOutputRate) {
     // The "above" message always names 48000, not the output rate.
     expect_call(log, QEL_ERROR_SAMPLE_RATE, {error(above_message(96000))},
                 [&] { return qel_add_participant(library, 1, 1, "x", regular(96000)); });
-    expect_call(log, QEL_ERROR_NONE, {info(added_line(1, 1))},
+    expect_call(log, QEL_ERROR_NONE, {dfn_created(), info(added_line(1, 1))},
                 [&] { return qel_add_participant(library, 1, 1, "x", regular(48000)); });
 }
 
@@ -268,12 +278,21 @@ TEST(Part3_2_Participants, RemoveParticipantLogsRemovalLine) {
     open_room room;
     add(room.library, 1, 1);
     add(room.library, 1, 2);
-    expect_call(room.log, QEL_ERROR_NONE, {info("Participant 1 has been removed from room 1")},
+    add(room.library, 1, 3, configuration(48000, 2, QEL_PARTICIPANT_LISTENER_ONLY));
+    // Freeing the participant frees its noise canceller (Part 5.2) before
+    // the removal line.
+    expect_call(room.log, QEL_ERROR_NONE,
+                {dfn_destroyed(), info("Participant 1 has been removed from room 1")},
                 [&] { return qel_remove_participant(room.library, 1, 1); });
-    EXPECT_EQ(participant_count(room.library, 1), 1);
+    EXPECT_EQ(participant_count(room.library, 1), 2);
     qel_participant_configuration config{};
     EXPECT_EQ(qel_get_participant_configuration(room.library, 1, 1, &config),
               QEL_ERROR_INVALID_PARTICIPANT_ID);
+    // A listener-only participant owns no canceller: its removal logs only
+    // the removal line.
+    expect_call(room.log, QEL_ERROR_NONE, {info("Participant 3 has been removed from room 1")},
+                [&] { return qel_remove_participant(room.library, 1, 3); });
+    EXPECT_EQ(participant_count(room.library, 1), 1);
 }
 
 TEST(Part3_2_Participants, RemovingUnknownParticipantFails) {
@@ -294,7 +313,7 @@ TEST(Part3_2_Participants, RemovedIdCanBeAddedAgain) {
     open_room room;
     add(room.library, 1, 1, regular(48000, 1), "first");
     ASSERT_EQ(qel_remove_participant(room.library, 1, 1), QEL_ERROR_NONE);
-    expect_call(room.log, QEL_ERROR_NONE, {info(added_line(1, 1))}, [&] {
+    expect_call(room.log, QEL_ERROR_NONE, {dfn_created(), info(added_line(1, 1))}, [&] {
         return qel_add_participant(room.library, 1, 1, "second", regular(16000, 2));
     });
     EXPECT_EQ(name_of(room.library, 1, 1), "second");

@@ -31,6 +31,8 @@ using quelora::testing::state_of;
 constexpr uint32_t id_of(int32_t id) { return static_cast<uint32_t>(id); }
 
 using quelora::testing::describe;
+using quelora::testing::dfn_created;
+using quelora::testing::dfn_destroyed;
 using quelora::testing::expect_call;
 using quelora::testing::info;
 using quelora::testing::warning;
@@ -273,8 +275,10 @@ TEST(Part3_1_RoomRegistry, DestroyingRoomWithParticipantsFreesThemAndCallsOnlyRo
     qel_event_manager_t table = recording_table();
     ASSERT_EQ(qel_add_event_manager(library, &table), QEL_ERROR_NONE);
 
-    // One line only: no per-participant line during the teardown.
-    expect_call(log, QEL_ERROR_NONE, {info("Room 5 was destroyed")},
+    // No participant removal line during the teardown, only each freed
+    // participant's noise canceller (Part 5.2), then the room's line.
+    expect_call(log, QEL_ERROR_NONE,
+                {dfn_destroyed(), dfn_destroyed(), dfn_destroyed(), info("Room 5 was destroyed")},
                 [&] { return qel_destroy_room(library, 5); });
     EXPECT_EQ(calls(), std::vector<std::string>{"destroy_room 5"});
 
@@ -298,7 +302,8 @@ TEST(Part3_1_RoomRegistry, RoomIdIsReusableAfterDestroy) {
                 [&] { return qel_create_room(library, 5); });
     EXPECT_EQ(participant_count(library, 5), 0);
     EXPECT_EQ(layout_of(library, 5), 10); // the default again, not the old room's 20
-    expect_call(log, QEL_ERROR_NONE, {info("A new participant with id 2 has been added to room 5")},
+    expect_call(log, QEL_ERROR_NONE,
+                {dfn_created(), info("A new participant with id 2 has been added to room 5")},
                 [&] { return qel_add_participant(library, 5, 2, "again", regular()); });
     expect_seated(library, 5, 2, 1, 0, 0, 100); // the first free seat of the new room
 }
@@ -372,7 +377,7 @@ TEST(Part3_1_RoomRegistry, NegativeRoomIdsAreOrdinaryKeys) {
     EXPECT_EQ(room_count(library), 2);
 
     expect_call(log, QEL_ERROR_NONE,
-                {info("A new participant with id 1 has been added to room -5")},
+                {dfn_created(), info("A new participant with id 1 has been added to room -5")},
                 [&] { return qel_add_participant(library, id_of(-5), 1, "neg", regular()); });
     EXPECT_EQ(participant_count(library, id_of(-5)), 1);
     EXPECT_EQ(participant_count(library, 5), 0);
@@ -383,7 +388,7 @@ TEST(Part3_1_RoomRegistry, NegativeRoomIdsAreOrdinaryKeys) {
 
     expect_call(log, QEL_ERROR_INVALID_ROOM_ID, {warning("Room -7 does not exist.")},
                 [&] { return qel_destroy_room(library, id_of(-7)); });
-    expect_call(log, QEL_ERROR_NONE, {info("Room -5 was destroyed")},
+    expect_call(log, QEL_ERROR_NONE, {dfn_destroyed(), info("Room -5 was destroyed")},
                 [&] { return qel_destroy_room(library, id_of(-5)); });
     EXPECT_EQ(room_count(library), 1);
     expect_call(log, QEL_ERROR_NONE, {info("A new room with id -5 was created")},

@@ -1,6 +1,7 @@
 #include "conference/participant.h"
 
 #include "api/quelora_exception.h"
+#include "conference/participant_stages.h"
 
 namespace quelora {
 
@@ -73,12 +74,9 @@ participant::participant(int32_t id, std::string name,
             audio_configuration.interleaved);
     }
     if (!is_listener_only()) {
-        // The stage objects of Parts 4.5, 5.2 and 5.3 and the auto EQ and
-        // shaping stages are not built yet; the chain skips absent stages
-        // (docs/status.md).
-        input_ = std::make_unique<input_chain>(input_rate, channels(), required_input_frames_,
-                                               processing_frames_,
-                                               audio_configuration.interleaved, input_stage_set{});
+        input_ = std::make_unique<input_chain>(
+            input_rate, channels(), required_input_frames_, processing_frames_,
+            audio_configuration.interleaved, make_input_stages(channels(), processing_frames_));
     }
 }
 

@@ -15,6 +15,13 @@ inline log_line info(const std::string& message) { return {QEL_LOG_INFO, message
 inline log_line warning(const std::string& message) { return {QEL_LOG_WARNING, message}; }
 inline log_line error(const std::string& message) { return {QEL_LOG_ERROR, message}; }
 
+// The noise canceller's own lines (spec Part 5.2): one "created" while a
+// participant with an input side (regular or source only) is built, one
+// "destroyed" when such a participant is freed. Listener-only participants
+// own no canceller and log neither.
+inline log_line dfn_created() { return info("Noise cancellation model: DFN (created)"); }
+inline log_line dfn_destroyed() { return info("Noise cancellation model: DFN (destroyed)"); }
+
 inline std::string describe(const std::vector<log_line>& lines) {
     std::string out;
     for (const auto& line : lines) {

@@ -1,0 +1,17 @@
+// Builds the stage objects of a participant's input chain (spec Part 3.2
+// step 3f, Part 4.1 "Data model"): the bridge between the audio path's stage
+// interfaces (audio/input_stages.h) and the implementations in denoise/.
+#pragma once
+
+#include "audio/input_chain.h"
+
+#include <cstdint>
+
+namespace quelora {
+
+// The stages that exist so far for a participant with `channels` input
+// channels and `processing_frames` samples per channel per block at 48 kHz
+// (docs/status.md lists those still absent).
+input_stage_set make_input_stages(int32_t channels, int32_t processing_frames);
+
+} // namespace quelora
