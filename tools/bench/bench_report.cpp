@@ -63,6 +63,7 @@ json to_json(const measurement& m) {
                 {"input_rate", m.config.input_rate},
                 {"output_rate", m.config.output_rate},
                 {"mixing_3d", m.config.mixing_3d},
+                {"noise_cancellation", m.config.noise_cancellation},
                 {"blocks", m.blocks},
                 {"audio_calls_per_period", audio_calls(m)},
                 {"period_ms", m.period_seconds * ms},
@@ -88,15 +89,16 @@ void print_machine() {
 }
 
 void print_header() {
-    std::printf("%-7s %4s %4s %6s %6s %3s %6s %8s %8s %7s %7s %7s %7s\n", "group", "R", "P",
-                "in Hz", "out Hz", "3D", "blocks", "mean ms", "p99 ms", "RTF", "RTF p99",
+    std::printf("%-7s %4s %4s %6s %6s %3s %3s %6s %8s %8s %7s %7s %7s %7s\n", "group", "R", "P",
+                "in Hz", "out Hz", "3D", "ANC", "blocks", "mean ms", "p99 ms", "RTF", "RTF p99",
                 "RTF cpu", "us/call");
 }
 
 void print_row(const measurement& m) {
-    std::printf("%-7s %4d %4d %6d %6d %3s %6d %8.3f %8.3f %7.4f %7.4f %7.4f %7.2f\n",
+    std::printf("%-7s %4d %4d %6d %6d %3s %3s %6d %8.3f %8.3f %7.4f %7.4f %7.4f %7.2f\n",
                 m.config.name.c_str(), m.config.rooms, m.config.participants, m.config.input_rate,
-                m.config.output_rate, m.config.mixing_3d ? "on" : "off", m.blocks,
+                m.config.output_rate, m.config.mixing_3d ? "on" : "off",
+                m.config.noise_cancellation ? "on" : "off", m.blocks,
                 m.mean_seconds * ms, m.p99_seconds * ms, m.rtf_mean(), m.rtf_p99(), m.rtf_cpu(),
                 m.mean_seconds * 1e6 / static_cast<double>(audio_calls(m)));
     std::fflush(stdout);

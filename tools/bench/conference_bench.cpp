@@ -76,7 +76,7 @@ struct plan {
     int32_t cap;                        // largest P of the sweep and the search
     std::vector<int32_t> room_counts;   // R of the rooms grid
     std::vector<int32_t> room_sizes;    // P of the rooms grid
-    std::vector<int32_t> variant_sizes; // P of the resampling and 3D variants
+    std::vector<int32_t> variant_sizes; // P of the resampling, 3D and ANC variants
 };
 
 plan make_plan(const options& o) {
@@ -130,13 +130,15 @@ public:
     }
 
     // Input resampler (16 kHz talkers), output resampler (16 kHz output),
-    // both, and 3D mixing switched on; the sweep has the plain 48 kHz rows.
+    // both, 3D mixing switched on, and the DFN noise canceller on for every
+    // talker; the sweep has the plain 48 kHz rows.
     bool variants() {
         for (int32_t p : plan_.variant_sizes) {
             const bench::scenario configs[] = {{"variant", 1, p, 16000, 48000, false},
                                                {"variant", 1, p, 48000, 16000, false},
                                                {"variant", 1, p, 16000, 16000, false},
-                                               {"variant", 1, p, 48000, 48000, true}};
+                                               {"variant", 1, p, 48000, 48000, true},
+                                               {"variant", 1, p, 48000, 48000, false, true}};
             for (const auto& s : configs) {
                 bench::measurement m;
                 if (!measure(s, m)) return false;

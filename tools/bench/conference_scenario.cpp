@@ -93,6 +93,11 @@ bool conference_run::set_up(std::string& error) {
                    "qel_set_all_participants_state", error)) {
             return false;
         }
+        if (config_.noise_cancellation &&
+            !check(qel_set_all_participants_state(handle_, room, QEL_CONTROL_ANC_ENABLE, 1),
+                   "qel_set_all_participants_state", error)) {
+            return false;
+        }
     }
     return true;
 }
