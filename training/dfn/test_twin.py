@@ -338,8 +338,11 @@ def main():
 
     # Causality: the output of a prefix does not depend on what follows.
     short = process_signal(model, x[:480 * 6])
-    check("causal: output of the first 6 blocks unchanged by later input",
-          np.array_equal(short, d["output"][:480 * 6]))
+    # Equal to float64 rounding: with OpenBLAS the products' blocking, and so
+    # their last bits, depend on the sequence length.
+    err_c = np.abs(short - d["output"][:480 * 6]).max()
+    check("causal: output of the first 6 blocks unchanged by later input", err_c < 1e-12,
+          "max err %.1e" % err_c)
 
     # Identity network: gains 1, centre tap 1 -> input delayed by 1200 samples.
     class Identity(DfnTwin):
@@ -366,9 +369,23 @@ def main():
     # The golden fixtures on disk equal a fresh run.
     import make_golden
     files, _ = make_golden.build()
-    same = all(os.path.exists(os.path.join(make_golden.DEFAULT_OUT, n)) and
-               open(os.path.join(make_golden.DEFAULT_OUT, n), "rb").read() == data
-               for n, data in files.items())
+    # The float32 files byte for byte; the float64 JSON values to 1e-12 (their
+    # last digits follow the BLAS in use: reference BLAS or OpenBLAS).
+    import json
+    same = True
+    for n, data in files.items():
+        path = os.path.join(make_golden.DEFAULT_OUT, n)
+        if not os.path.exists(path):
+            same = False
+            continue
+        stored = open(path, "rb").read()
+        if n.endswith(".json"):
+            a, b = json.loads(stored), json.loads(data)
+            same = same and a.keys() == b.keys() and all(
+                np.abs(np.asarray(a[k], np.float64) - np.asarray(b[k], np.float64)).max() < 1e-12
+                for k in a)
+        else:
+            same = same and stored == data
     check("tests/data/dfn golden files equal a fresh make_golden run", same)
 
     print("\n%d failure(s)" % len(FAILURES))
