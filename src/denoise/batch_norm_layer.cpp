@@ -5,6 +5,7 @@
 #include "denoise/batch_norm_layer.h"
 
 #include "api/quelora_exception.h"
+#include "denoise/layer_checks.h"
 
 #include <Eigen/Core>
 
@@ -17,12 +18,6 @@ namespace {
 
 constexpr double epsilon = 1e-5;
 
-void require_positive(const char* name, uint32_t value) {
-    if (value == 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "batch_norm: %s is 0, must be >= 1", name);
-}
-
 } // namespace
 
 batch_norm_layer::batch_norm_layer(const float* gamma, const float* beta, const float* mean,
@@ -32,9 +27,9 @@ batch_norm_layer::batch_norm_layer(const float* gamma, const float* beta, const 
     if (gamma == nullptr || beta == nullptr || mean == nullptr || variance == nullptr)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "batch_norm: a parameter pointer is null");
-    require_positive("channels", channels);
-    require_positive("time_length", time_length);
-    require_positive("freq_length", freq_length);
+    require_positive("batch_norm", "channels", channels);
+    require_positive("batch_norm", "time_length", time_length);
+    require_positive("batch_norm", "freq_length", freq_length);
     if (uint64_t{channels} * time_length * freq_length >
         static_cast<uint64_t>(std::numeric_limits<int32_t>::max()))
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,

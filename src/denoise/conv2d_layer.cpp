@@ -7,6 +7,7 @@
 #include "denoise/conv2d_layer.h"
 
 #include "api/quelora_exception.h"
+#include "denoise/layer_checks.h"
 #include "denoise/matvec_kernels.h"
 
 #include <algorithm>
@@ -17,11 +18,6 @@ namespace quelora::denoise {
 
 namespace {
 
-void require_positive(const char* name, uint64_t value) {
-    if (value == 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "conv2d: %s is 0, must be >= 1", name);
-}
 
 // Keeps every buffer size and Eigen index well inside int32.
 uint32_t checked_size(const char* name, uint64_t value) {
@@ -80,24 +76,18 @@ conv2d_layer::conv2d_layer(uint32_t time_length, uint32_t freq_length, uint32_t 
     if (weights == nullptr)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "conv2d: weights pointer is null");
-    require_positive("time_length", time_length);
-    require_positive("freq_length", freq_length);
-    require_positive("in_channels", in_channels);
-    require_positive("out_channels", out_channels);
-    require_positive("kernel_time", kernel_time);
-    require_positive("kernel_freq", kernel_freq);
-    require_positive("groups", groups);
+    require_positive("conv2d", "time_length", time_length);
+    require_positive("conv2d", "freq_length", freq_length);
+    require_positive("conv2d", "in_channels", in_channels);
+    require_positive("conv2d", "out_channels", out_channels);
+    require_positive("conv2d", "kernel_time", kernel_time);
+    require_positive("conv2d", "kernel_freq", kernel_freq);
+    require_positive("conv2d", "groups", groups);
     if (freq_stride < 1)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "conv2d: freq_stride is %i, must be >= 1", freq_stride);
-    if (in_channels % groups != 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "conv2d: in_channels is %i, must be divisible by groups = %i",
-                                static_cast<int>(in_channels), static_cast<int>(groups));
-    if (out_channels % groups != 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "conv2d: out_channels is %i, must be divisible by groups = %i",
-                                static_cast<int>(out_channels), static_cast<int>(groups));
+    require_divisible("conv2d", "in_channels", in_channels, groups);
+    require_divisible("conv2d", "out_channels", out_channels, groups);
     stride_ = static_cast<uint32_t>(freq_stride);
     padded_time_ = checked_size("padded time length",
                                 uint64_t{time_length} + time_pad_before + time_pad_after);

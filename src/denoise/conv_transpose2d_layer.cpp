@@ -5,22 +5,13 @@
 #include "denoise/conv_transpose2d_layer.h"
 
 #include "api/quelora_exception.h"
+#include "denoise/layer_checks.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <limits>
 
 namespace quelora::denoise {
-
-namespace {
-
-void require_positive(const char* name, uint32_t value) {
-    if (value == 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "conv_transpose2d: %s is 0, must be >= 1", name);
-}
-
-} // namespace
 
 conv_transpose2d_layer::conv_transpose2d_layer(uint32_t in_time, uint32_t in_freq,
                                                uint32_t in_channels, const float* weights,
@@ -51,21 +42,13 @@ conv_transpose2d_layer::conv_transpose2d_layer(uint32_t in_time, uint32_t in_fre
     if (weights == nullptr)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "conv_transpose2d: weights pointer is null");
-    require_positive("in_freq", in_freq);
-    require_positive("in_channels", in_channels);
-    require_positive("out_channels", out_channels);
-    require_positive("kernel_freq", kernel_freq);
-    require_positive("groups", groups);
-    if (in_channels % groups != 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "conv_transpose2d: in_channels is %i, must be divisible by "
-                                "groups = %i",
-                                static_cast<int>(in_channels), static_cast<int>(groups));
-    if (out_channels % groups != 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "conv_transpose2d: out_channels is %i, must be divisible by "
-                                "groups = %i",
-                                static_cast<int>(out_channels), static_cast<int>(groups));
+    require_positive("conv_transpose2d", "in_freq", in_freq);
+    require_positive("conv_transpose2d", "in_channels", in_channels);
+    require_positive("conv_transpose2d", "out_channels", out_channels);
+    require_positive("conv_transpose2d", "kernel_freq", kernel_freq);
+    require_positive("conv_transpose2d", "groups", groups);
+    require_divisible("conv_transpose2d", "in_channels", in_channels, groups);
+    require_divisible("conv_transpose2d", "out_channels", out_channels, groups);
     // Output lengths: dilated length - 2 x padding + output padding (sizes
     // vetted in double first, so the exact int64 arithmetic cannot overflow).
     const auto limit = double{std::numeric_limits<int32_t>::max()};

@@ -7,12 +7,6 @@
 
 namespace quelora::denoise {
 
-namespace {
-
-constexpr int error_shape = -9990; // Part 5.1: construction failures
-
-} // namespace
-
 dfn_synthesis::dfn_synthesis(const uint16_t* band_widths)
     : fft_(dfn_transform_size),
       window_(dfn_design::vorbis_window(dfn_transform_size)),
@@ -21,7 +15,7 @@ dfn_synthesis::dfn_synthesis(const uint16_t* band_widths)
       filtered_(static_cast<size_t>(dfn_bins)) {
     const int total = std::accumulate(band_widths_.begin(), band_widths_.end(), 0);
     if (total != dfn_bins) {
-        throw quelora_exception(QEL_LOG_ERROR, error_shape,
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "DFN synthesis: the %i ERB bands cover %i bins, not %i",
                                 dfn_erb_bands, total, dfn_bins);
     }

@@ -8,8 +8,6 @@ namespace quelora::denoise {
 
 namespace {
 
-constexpr int32_t error_shape = -9990; // Part 5.1: layer construction failures
-
 struct row_spec {
     enum class form : uint8_t { weight, batch_norm, gru };
     uint8_t row;
@@ -104,7 +102,7 @@ std::span<const weight_tensor> dfn_weight_tensors() { return tensors; }
 
 const float* dfn_weight_reader::take(tensor_kind kind, uint32_t count) {
     if (next_ >= tensors.size() || tensors[next_].kind != kind || tensors[next_].count != count)
-        throw quelora_exception(QEL_LOG_ERROR, error_shape,
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "DFN weight table: tensor %i (%u floats) does not match the "
                                 "layout of Part 5.2",
                                 static_cast<int>(next_), count);
@@ -116,7 +114,7 @@ const float* dfn_weight_reader::take(tensor_kind kind, uint32_t count) {
 
 void dfn_weight_reader::finish() const {
     if (next_ != tensors.size())
-        throw quelora_exception(QEL_LOG_ERROR, error_shape,
+        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "DFN weight table: %i of %i tensors used",
                                 static_cast<int>(next_), static_cast<int>(tensors.size()));
 }

@@ -7,6 +7,7 @@
 #include "denoise/grouped_linear_layer.h"
 
 #include "api/quelora_exception.h"
+#include "denoise/layer_checks.h"
 #include "denoise/matvec_kernels.h"
 
 #include <limits>
@@ -17,9 +18,7 @@ grouped_linear_layer::grouped_linear_layer(const float* weights, uint32_t input_
                                            uint32_t output_size, uint32_t groups)
     : weights_(weights), kernels_(&selected_matvec_kernels()), groups_(groups), group_in_(0),
       group_out_(0) {
-    if (groups == 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "grouped_linear: groups is 0, must be >= 1");
+    require_positive("grouped_linear", "groups", groups);
     // Part 5.1 is at odds with itself here: its data model checks that I is
     // divisible by G, yet its edge cases reject I = 1000 with G = 8, and 1000
     // is 8 x 125. Requiring the per-group width I / G to be divisible by G as
@@ -29,11 +28,7 @@ grouped_linear_layer::grouped_linear_layer(const float* weights, uint32_t input_
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "The input_size = %i must be divisible by groups = %i, ",
                                 static_cast<int>(input_size), static_cast<int>(groups));
-    if (output_size % groups != 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "grouped_linear: output_size is %i, must be divisible by "
-                                "groups = %i",
-                                static_cast<int>(output_size), static_cast<int>(groups));
+    require_divisible("grouped_linear", "output_size", output_size, groups);
     if (input_size == 0 || output_size == 0)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "grouped_linear: input_size is %i and output_size is %i, both "

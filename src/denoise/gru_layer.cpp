@@ -14,6 +14,7 @@
 
 #include "api/quelora_exception.h"
 #include "denoise/activations.h"
+#include "denoise/layer_checks.h"
 #include "denoise/matvec_kernels.h"
 
 #include <algorithm>
@@ -56,12 +57,8 @@ gru_layer::gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_i
     : input_size_(input_size), hidden_size_(hidden_size), w_input_{w_ir, w_iz, w_in},
       w_hidden_{w_hr, w_hz, w_hn}, b_input_{b_ir, b_iz, b_in}, b_hidden_{b_hr, b_hz, b_hn},
       input_block_(false), hidden_block_(false), kernels_(&selected_matvec_kernels()) {
-    if (input_size == 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "gru: input_size is 0, must be >= 1");
-    if (hidden_size == 0)
-        throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
-                                "gru: hidden_size is 0, must be >= 1");
+    require_positive("gru", "input_size", input_size);
+    require_positive("gru", "hidden_size", hidden_size);
     if (3 * uint64_t{hidden_size} * std::max(input_size, hidden_size) >
         static_cast<uint64_t>(std::numeric_limits<int32_t>::max()))
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE, "gru: layer is too large");
