@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstring>
+#include <span>
 
 namespace quelora::denoise {
 
@@ -59,6 +60,17 @@ gru_layer gru(dfn_weight_reader& r) {
     for (int i = 6; i < 12; ++i) t[i] = r.take(tensor_kind::gru_bias, hidden);
     return gru_layer(hidden, hidden, t[0], t[1], t[2], t[3], t[4], t[5], t[6], t[7], t[8], t[9],
                      t[10], t[11]);
+}
+
+// One layer over the hops of a call: forward for a single hop, forward_pair
+// (one pass over the weights) for a block's two. input and output pick a
+// hop's buffers.
+template <typename Layer, typename Hops, typename Input, typename Output>
+void forward_hops(Layer& layer, Hops hops, Input input, Output output) {
+    if (hops.size() == 2)
+        layer.forward_pair(input(hops[0]), input(hops[1]), output(hops[0]), output(hops[1]));
+    else
+        layer.forward(input(hops[0]), output(hops[0]));
 }
 
 // y := ReLU(y) after a batch norm in place: the "+ BN + ReLU" of every stage.
@@ -202,47 +214,29 @@ void dfn_model::encode(hop_buffers& hop) {
     transpose(hop.e3.data(), hop.joined.data(), ch, 8);
 }
 
-// Step 4: the embedding; h1 keeps GRU 1's output for the DF decoder.
-void dfn_model::embed(hop_buffers& hop) {
+// Step 4: the embedding; h1 keeps GRU 1's output for the DF decoder. With a
+// block's two hops every weight is read once for both (the GRUs' recurrent
+// products excepted: the second hop's step needs the first's state).
+void dfn_model::embed(std::span<hop_buffers> hops) {
     layers& l = *layers_;
-    float* df_emb = hop.joined.data() + 512;
-    l.df_embedding.forward(hop.flat.data(), df_emb);
-    relu(df_emb, df_emb, 512);
-    l.embedding_in.forward(hop.joined.data(), hop.x.data());
-    relu(hop.x.data(), hop.x.data(), hidden);
-    l.gru1.forward(hop.x.data(), hop.h1.data());
-    l.embedding_middle.forward(hop.h1.data(), hop.x.data());
-    relu(hop.x.data(), hop.x.data(), hidden);
-    l.gru2.forward(hop.x.data(), hop.emb.data());
-    dsp::add(hop.x.data(), hop.emb.data(), static_cast<int32_t>(hidden));
-    l.embedding_out.forward(hop.emb.data(), hop.decoded.data());
-    relu(hop.decoded.data(), hop.decoded.data(), 512);
-}
-
-// embed for a block's two hops, every weight read once for both (the GRUs'
-// recurrent products excepted: hop b's step needs hop a's state).
-void dfn_model::embed_pair(hop_buffers& a, hop_buffers& b) {
-    layers& l = *layers_;
-    const auto relu2 = [](std::vector<float>& u, std::vector<float>& v, std::size_t count) {
-        relu(u.data(), u.data(), count);
-        relu(v.data(), v.data(), count);
-    };
-    float* df_emb_a = a.joined.data() + 512;
-    float* df_emb_b = b.joined.data() + 512;
-    l.df_embedding.forward_pair(a.flat.data(), b.flat.data(), df_emb_a, df_emb_b);
-    relu(df_emb_a, df_emb_a, 512);
-    relu(df_emb_b, df_emb_b, 512);
-    l.embedding_in.forward_pair(a.joined.data(), b.joined.data(), a.x.data(), b.x.data());
-    relu2(a.x, b.x, hidden);
-    l.gru1.forward_pair(a.x.data(), b.x.data(), a.h1.data(), b.h1.data());
-    l.embedding_middle.forward_pair(a.h1.data(), b.h1.data(), a.x.data(), b.x.data());
-    relu2(a.x, b.x, hidden);
-    l.gru2.forward_pair(a.x.data(), b.x.data(), a.emb.data(), b.emb.data());
-    dsp::add(a.x.data(), a.emb.data(), static_cast<int32_t>(hidden));
-    dsp::add(b.x.data(), b.emb.data(), static_cast<int32_t>(hidden));
-    l.embedding_out.forward_pair(a.emb.data(), b.emb.data(), a.decoded.data(),
-                                 b.decoded.data());
-    relu2(a.decoded, b.decoded, 512);
+    const auto flat = [](hop_buffers& h) { return h.flat.data(); };
+    const auto joined = [](hop_buffers& h) { return h.joined.data(); };
+    const auto df_emb = [](hop_buffers& h) { return h.joined.data() + 512; };
+    const auto x = [](hop_buffers& h) { return h.x.data(); };
+    const auto h1 = [](hop_buffers& h) { return h.h1.data(); };
+    const auto emb = [](hop_buffers& h) { return h.emb.data(); };
+    const auto decoded = [](hop_buffers& h) { return h.decoded.data(); };
+    forward_hops(l.df_embedding, hops, flat, df_emb);
+    for (hop_buffers& h : hops) relu(df_emb(h), df_emb(h), 512);
+    forward_hops(l.embedding_in, hops, joined, x);
+    for (hop_buffers& h : hops) relu(x(h), x(h), hidden);
+    forward_hops(l.gru1, hops, x, h1);
+    forward_hops(l.embedding_middle, hops, h1, x);
+    for (hop_buffers& h : hops) relu(x(h), x(h), hidden);
+    forward_hops(l.gru2, hops, x, emb);
+    for (hop_buffers& h : hops) dsp::add(x(h), emb(h), static_cast<int32_t>(hidden));
+    forward_hops(l.embedding_out, hops, emb, decoded);
+    for (hop_buffers& h : hops) relu(decoded(h), decoded(h), 512);
 }
 
 // Step 5: the ERB decoder, deepest stage first, ending in 32 gains.
@@ -277,44 +271,33 @@ void dfn_model::decode_erb(hop_buffers& hop) {
     sigmoid(hop.gains.data(), hop.gains.data(), erb);
 }
 
-// Step 6: deep-filter coefficients from h1 plus the DF path output p.
-void dfn_model::decode_df(hop_buffers& hop) {
+// Step 6: deep-filter coefficients from h1 plus the DF path output p, with
+// the weight passes shared as in embed.
+void dfn_model::decode_df(std::span<hop_buffers> hops) {
     layers& l = *layers_;
-    l.df_in.forward(hop.h1.data(), hop.y.data());
-    relu(hop.y.data(), hop.y.data(), hidden);
-    l.gru3.forward(hop.y.data(), hop.gru3_out.data());
-    dsp::add(hop.y.data(), hop.gru3_out.data(), static_cast<int32_t>(hidden));
-    l.df_out.forward(hop.gru3_out.data(), hop.coefficients.data());
-    tanh(hop.coefficients.data(), hop.coefficients.data(), hop.coefficients.size());
-    dsp::add(hop.p.data(), hop.coefficients.data(),
-             static_cast<int32_t>(hop.coefficients.size()));
-}
-
-// decode_df for a block's two hops, sharing the weight passes as embed_pair.
-void dfn_model::decode_df_pair(hop_buffers& a, hop_buffers& b) {
-    layers& l = *layers_;
-    l.df_in.forward_pair(a.h1.data(), b.h1.data(), a.y.data(), b.y.data());
-    relu(a.y.data(), a.y.data(), hidden);
-    relu(b.y.data(), b.y.data(), hidden);
-    l.gru3.forward_pair(a.y.data(), b.y.data(), a.gru3_out.data(), b.gru3_out.data());
-    dsp::add(a.y.data(), a.gru3_out.data(), static_cast<int32_t>(hidden));
-    dsp::add(b.y.data(), b.gru3_out.data(), static_cast<int32_t>(hidden));
-    l.df_out.forward_pair(a.gru3_out.data(), b.gru3_out.data(), a.coefficients.data(),
-                          b.coefficients.data());
-    for (hop_buffers* hop : {&a, &b}) {
-        tanh(hop->coefficients.data(), hop->coefficients.data(), hop->coefficients.size());
-        dsp::add(hop->p.data(), hop->coefficients.data(),
-                 static_cast<int32_t>(hop->coefficients.size()));
+    const auto h1 = [](hop_buffers& h) { return h.h1.data(); };
+    const auto y = [](hop_buffers& h) { return h.y.data(); };
+    const auto gru3_out = [](hop_buffers& h) { return h.gru3_out.data(); };
+    const auto coefficients = [](hop_buffers& h) { return h.coefficients.data(); };
+    forward_hops(l.df_in, hops, h1, y);
+    for (hop_buffers& h : hops) relu(y(h), y(h), hidden);
+    forward_hops(l.gru3, hops, y, gru3_out);
+    for (hop_buffers& h : hops) dsp::add(y(h), gru3_out(h), static_cast<int32_t>(hidden));
+    forward_hops(l.df_out, hops, gru3_out, coefficients);
+    for (hop_buffers& h : hops) {
+        tanh(h.coefficients.data(), h.coefficients.data(), h.coefficients.size());
+        dsp::add(h.p.data(), h.coefficients.data(), static_cast<int32_t>(h.coefficients.size()));
     }
 }
 
 void dfn_model::process_hop(const float* window, float* output) {
     hop_buffers& hop = hops_[0];
+    const std::span<hop_buffers> one(hops_, 1);
     analysis_.process(window);
     encode(hop);
-    embed(hop);
+    embed(one);
     decode_erb(hop);
-    decode_df(hop);
+    decode_df(one);
     synthesis_.process(analysis_, hop.gains.data(), hop.coefficients.data(), output);
     last_ = 0;
 }
@@ -327,10 +310,10 @@ void dfn_model::process_block(const float* window_a, const float* window_b, floa
     encode(a);
     analysis_.process(window_b);
     encode(b);
-    embed_pair(a, b);
+    embed(hops_);
     decode_erb(a);
     decode_erb(b);
-    decode_df_pair(a, b);
+    decode_df(hops_);
     // Hop a's spectra now lie one hop further back than process_hop sees them.
     synthesis_.process(analysis_, a.gains.data(), a.coefficients.data(), output_a, 1);
     synthesis_.process(analysis_, b.gains.data(), b.coefficients.data(), output_b, 0);

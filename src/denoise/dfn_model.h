@@ -13,6 +13,7 @@
 #include "denoise/layers.h"
 
 #include <memory>
+#include <span>
 #include <vector>
 
 namespace quelora::denoise {
@@ -58,11 +59,10 @@ private:
 
     static std::unique_ptr<layers> build_layers(const float* table);
     void encode(hop_buffers& hop);
-    void embed(hop_buffers& hop);
-    void embed_pair(hop_buffers& a, hop_buffers& b);
+    // One hop (process_hop) or a block's two (process_block).
+    void embed(std::span<hop_buffers> hops);
     void decode_erb(hop_buffers& hop);
-    void decode_df(hop_buffers& hop);
-    void decode_df_pair(hop_buffers& a, hop_buffers& b);
+    void decode_df(std::span<hop_buffers> hops);
 
     dfn_analysis analysis_;
     std::unique_ptr<layers> layers_;
