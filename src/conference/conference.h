@@ -12,6 +12,7 @@
 #include <quelora/quelora.h>
 
 #include <memory>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -20,15 +21,22 @@ namespace quelora {
 
 inline constexpr size_t reserved_rooms = 200;
 
-class conference {
+class conference final : public notification_reader {
 public:
     // layouts and audio_configuration must outlive the conference.
     conference(const room_layout_set& layouts, const qel_library_configuration& audio_configuration);
-    ~conference();
+    ~conference() override;
     conference(const conference&) = delete;
     conference& operator=(const conference&) = delete;
 
-    void add_event_manager(qel_event_manager_t* table) { events_.add(table); }
+    void add_event_manager(const qel_event_manager_t* table) { events_.add(table); }
+    // Library-internal sinks (the websocket server, Part 6.1); not owned.
+    // Like tables, registered before other threads use the library.
+    void add_event_sink(event_sink* sink) { events_.add(sink); }
+
+    // notification_reader: takes the room's lock only (conference_places.cpp).
+    std::optional<participant_snapshot> participant_in_notification(
+        int32_t room_id, int32_t participant_id) const override;
 
     // ---- rooms (conference_rooms.cpp)
     void create_room(int32_t room_id);

@@ -13,8 +13,9 @@ void conference::add_participant(int32_t room_id, int32_t participant_id, const 
     const std::string stored_name = name != nullptr ? name : "";
     find_room(room_id).add_participant(participant_id, stored_name, configuration);
     const qel_participant_configuration copy = configuration;
-    events_.notify(&qel_event_manager_t::add_participant, room_id, participant_id,
-                   stored_name.c_str(), &copy);
+    events_.notify([&](event_sink& sink) {
+        sink.add_participant(room_id, participant_id, stored_name.c_str(), &copy);
+    });
     qel_logger::get_logger().log(QEL_LOG_INFO, "A new participant with id %i has been added to room %i",
                                  participant_id, room_id);
 }
@@ -22,7 +23,7 @@ void conference::add_participant(int32_t room_id, int32_t participant_id, const 
 void conference::remove_participant(int32_t room_id, int32_t participant_id) {
     std::shared_lock library(library_lock_);
     find_room(room_id).remove_participant(participant_id);
-    events_.notify(&qel_event_manager_t::remove_participant, room_id, participant_id);
+    events_.notify([&](event_sink& sink) { sink.remove_participant(room_id, participant_id); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Participant %i has been removed from room %i",
                                  participant_id, room_id);
 }
@@ -42,7 +43,7 @@ void conference::set_participant_name(int32_t room_id, int32_t participant_id, c
     std::shared_lock library(library_lock_);
     const std::string stored_name = name != nullptr ? name : "";
     find_room(room_id).set_name(participant_id, stored_name);
-    events_.notify(&qel_event_manager_t::set_name, room_id, participant_id, stored_name.c_str());
+    events_.notify([&](event_sink& sink) { sink.set_name(room_id, participant_id, stored_name.c_str()); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Set participant %i in room %i name to %s",
                                  participant_id, room_id, stored_name.c_str());
 }

@@ -14,7 +14,7 @@ void conference::set_participant_seat(int32_t room_id, int32_t participant_id, i
     std::shared_lock library(library_lock_);
     const place now = find_room(room_id).set_seat(participant_id, seat_index);
     const qel_seat seat{now.seat_index, now.x, now.y, now.z, now.azimuth, now.elevation};
-    events_.notify(&qel_event_manager_t::move_participant, room_id, participant_id, &seat);
+    events_.notify([&](event_sink& sink) { sink.move_participant_event(room_id, participant_id, &seat); });
     // Deliberately the requested index, not the stacked one (Part 3.3 step 5).
     qel_logger::get_logger().log(QEL_LOG_INFO, "Participant %i in room %i has moved to seat %i",
                                  participant_id, room_id, seat_index);
@@ -38,12 +38,22 @@ void conference::set_participant_position(int32_t room_id, int32_t participant_i
     }
     std::shared_lock library(library_lock_);
     find_room(room_id).set_position(participant_id, position, heading);
-    events_.notify(&qel_event_manager_t::set_participant_position, room_id, participant_id,
-                   &position, heading);
+    events_.notify([&](event_sink& sink) {
+        sink.set_participant_position(room_id, participant_id, &position, heading);
+    });
     qel_logger::get_logger().log(
         QEL_LOG_INFO, "Participant %i in room %i has changed position to {%i, %i, %i} and heading {%i, %i}",
         participant_id, room_id, position.x, position.y, position.z, heading.azimuth,
         heading.elevation);
+}
+
+std::optional<participant_snapshot> conference::participant_in_notification(
+    int32_t room_id, int32_t participant_id) const {
+    // The notifying call holds the library lock; taking it again could wait
+    // behind a writer that waits for that call (docs/design.md).
+    const auto found = rooms_.find(room_id);
+    if (found == rooms_.end()) return std::nullopt;
+    return found->second->snapshot(participant_id);
 }
 
 source_direction conference::participant_spherical(int32_t room_id, int32_t listener_id,
@@ -56,8 +66,9 @@ void conference::set_participant_state(int32_t room_id, int32_t participant_id, 
                                        int32_t value) {
     std::shared_lock library(library_lock_);
     find_room(room_id).set_state(participant_id, control, value);
-    events_.notify(&qel_event_manager_t::set_participant_state, room_id, participant_id,
-                   static_cast<qel_audio_control>(control), value);
+    events_.notify([&](event_sink& sink) {
+        sink.set_participant_state(room_id, participant_id, static_cast<qel_audio_control>(control), value);
+    });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Participant %i in room %i set %s to %i",
                                  participant_id, room_id, control_name(control), value);
 }
@@ -65,8 +76,9 @@ void conference::set_participant_state(int32_t room_id, int32_t participant_id, 
 void conference::set_all_participants_state(int32_t room_id, int32_t control, int32_t value) {
     std::shared_lock library(library_lock_);
     find_room(room_id).set_all_states(control, value);
-    events_.notify(&qel_event_manager_t::set_all_participants_state, room_id,
-                   static_cast<qel_audio_control>(control), value);
+    events_.notify([&](event_sink& sink) {
+        sink.set_all_participants_state(room_id, static_cast<qel_audio_control>(control), value);
+    });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Set all participant's %s in room %i to %i",
                                  control_name(control), room_id, value);
 }

@@ -39,7 +39,7 @@ void conference::create_room(int32_t room_id) {
     }
     rooms_.emplace(room_id,
                    std::make_unique<room>(room_id, layouts_.default_layout(), audio_configuration_));
-    events_.notify(&qel_event_manager_t::create_room, room_id);
+    events_.notify([&](event_sink& sink) { sink.create_room(room_id); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "A new room with id %i was created", room_id);
 }
 
@@ -48,7 +48,7 @@ void conference::destroy_room(int32_t room_id) {
     room& doomed = find_room(room_id);
     doomed.tear_down(); // no participant callbacks or lines (Part 3.1)
     rooms_.erase(room_id);
-    events_.notify(&qel_event_manager_t::destroy_room, room_id);
+    events_.notify([&](event_sink& sink) { sink.destroy_room(room_id); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Room %i was destroyed", room_id);
 }
 
@@ -66,7 +66,7 @@ void conference::set_room_layout(int32_t room_id, int32_t layout_id) {
                                 "Room layout id %d does not exist.", layout_id);
     }
     switched.switch_layout(layout);
-    events_.notify(&qel_event_manager_t::set_room_layout, room_id, layout_id);
+    events_.notify([&](event_sink& sink) { sink.set_room_layout(room_id, layout_id); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Room %i has changed to layout %i", room_id,
                                  layout_id);
 }

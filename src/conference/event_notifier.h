@@ -1,31 +1,40 @@
-// The host's registered callback tables (spec Part 3.5), called in
-// registration order; null slots are skipped. A quelora_exception raised by a
-// callback propagates and ends the notifying operation with its code.
+// The library's event sinks (spec Part 3.5): the host's C tables and the
+// websocket server of Part 6.1, called in registration order. A null slot of
+// a C table is skipped. A quelora_exception raised by a sink propagates and
+// ends the notifying operation with its code.
 #pragma once
+
+#include "conference/event_sink.h"
 
 #include <quelora/quelora.h>
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 namespace quelora {
 
 class event_notifier {
 public:
-    // Not owned. No lock: tables are registered before other threads use the
-    // library (Part 3.5); notifications only read the list.
-    void add(qel_event_manager_t* table) { tables_.push_back(table); }
-    size_t size() const { return tables_.size(); }
+    // Neither is owned (the host keeps its table alive until
+    // qel_destroy_library; the library object owns the websocket server).
+    // No lock: sinks are registered before other threads use the library
+    // (Part 3.5); notifications only read the list.
+    void add(const qel_event_manager_t* table);
+    void add(event_sink* sink) { sinks_.push_back(sink); }
+    size_t size() const { return sinks_.size(); }
 
-    template <typename Slot, typename... Args>
-    void notify(Slot qel_event_manager_t::*slot, const Args&... args) const {
-        for (const qel_event_manager_t* table : tables_) {
-            if (table->*slot != nullptr) (table->*slot)(args...);
-        }
+    // call(event_sink&) once per sink, in registration order.
+    template <typename Call>
+    void notify(Call&& call) const {
+        for (event_sink* sink : sinks_) call(*sink);
     }
 
 private:
-    std::vector<qel_event_manager_t*> tables_;
+    std::vector<event_sink*> sinks_;
+    // The adapters that make the host's C tables sinks (owned here, as the
+    // list of registered tables is, Part 1.1 teardown).
+    std::vector<std::unique_ptr<event_sink>> table_adapters_;
 };
 
 } // namespace quelora

@@ -3,6 +3,7 @@
 // lock (always taken in that order, after the library lock).
 #pragma once
 
+#include "conference/event_sink.h"
 #include "conference/participant.h"
 #include "conference/writer_preferring_mutex.h"
 #include "config/room_layout.h"
@@ -59,6 +60,9 @@ public:
     void set_position(int32_t participant_id, const qel_position& position,
                       const qel_heading& heading);
     place get_place(int32_t participant_id) const;
+    // Place and control values for an "add_participant" message (Part 6.1);
+    // nullopt, without logging, when the participant is not in the room.
+    std::optional<participant_snapshot> snapshot(int32_t participant_id) const;
     source_direction spherical(int32_t listener_id, int32_t source_id) const;
     // Part 3.1 layout switch (participants and layout locks exclusive).
     void switch_layout(const quelora_room_layout* layout);
