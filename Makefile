@@ -15,7 +15,7 @@ TSAN_DIR := build-tsan
 
 # libFuzzer targets run by `make sanitize`: build-asan/tests/fuzz/<name>_fuzzer
 # over a copy of tests/fuzz/corpus/<name>.
-FUZZERS := room_layout api_sequence
+FUZZERS := room_layout websocket_configuration api_sequence
 FUZZ_SECONDS ?= 60
 
 ASAN_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -80,7 +80,7 @@ tsan:
 	CC=clang CXX=clang++ $(CMAKE) -S . -B $(TSAN_DIR) -DQUELORA_SANITIZE=thread \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	$(TSAN_ENV) $(SAN_WRAP) $(CMAKE) --build $(TSAN_DIR) -j$(NPROC)
-	$(TSAN_ENV) $(SAN_WRAP) $(CTEST) --test-dir $(TSAN_DIR) -L stress --no-tests=error \
+	$(TSAN_ENV) $(SAN_WRAP) $(CTEST) --test-dir $(TSAN_DIR) -L 'stress|websocket' --no-tests=error \
 	  --output-on-failure
 
 clean:

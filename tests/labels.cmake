@@ -12,3 +12,13 @@ gtest_discover_tests(quelora_tests
   TEST_LIST quelora_stress_tests
   DISCOVERY_TIMEOUT 60
   PROPERTIES LABELS stress TIMEOUT 600)
+
+# The websocket suites (Part6_1_Websocket*: transport, end to end, faults,
+# locks, and the single-threaded configuration suite, which costs nothing)
+# start the transport's I/O thread and real clients: label "websocket",
+# which `make tsan` runs beside the stress tests.
+gtest_discover_tests(quelora_tests
+  TEST_FILTER "Part6_1_Websocket*.*:-*Stress*.*"
+  TEST_LIST quelora_websocket_tests
+  DISCOVERY_TIMEOUT 60
+  PROPERTIES LABELS websocket TIMEOUT 300)

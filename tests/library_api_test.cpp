@@ -98,16 +98,6 @@ TEST(Part1_1_Library, LogLevelChecksIsUnsigned) {
     EXPECT_FALSE(capture.contains("now dropped"));
 }
 
-TEST(Part1_1_Library, WebsocketFunctionsKeepTheUnavailableBody) {
-    library_handle library;
-    log_capture capture;
-    EXPECT_EQ(qel_enable_websockets(library), QEL_ERROR_INVALID_CONTROL);
-    EXPECT_EQ(qel_send_custom_websocket_event(library, "{\"a\":1}"), QEL_ERROR_INVALID_CONTROL);
-    const std::string line =
-        "Websocket server is not available for the client side, windows, or mac versions of the library";
-    EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING), (std::vector<std::string>{line, line}));
-}
-
 TEST(Part1_1_Library, SphericalWithEqualIdsFailsBeforeTheRoomIsAsked) {
     library_handle library;
     log_capture capture;

@@ -6,11 +6,14 @@
  * exclude everything else, calls within one room run side by side), except
  * qel_add_event_manager, which must be called before other threads use the
  * handle, and qel_destroy_library, which must not race any other call on the
- * same handle. The logger is process-wide; make the first library call of the
- * process from one thread. Audio calls are real-time safe once a listener's
- * queues have reached their depth: no allocation, no I/O, no logging except
- * the level-1 "no input audio" line when that level is enabled; they wait
- * only on the locks above, which a room change in progress holds briefly.
+ * same handle. The only thread the library starts is the websocket server's
+ * I/O thread (qel_enable_websockets), joined by qel_destroy_library; it logs
+ * client connections and failures too. The logger is process-wide; make the
+ * first library call of the process from one thread. Audio calls are
+ * real-time safe once a listener's queues have reached their depth: no
+ * allocation, no I/O, no logging except the level-1 "no input audio" line
+ * when that level is enabled; they wait only on the locks above, which a room
+ * change in progress holds briefly.
  *
  * Ownership: strings returned by the library (qel_get_version,
  * qel_error_code_to_string, qel_audio_control_to_string,
@@ -182,7 +185,19 @@ QEL_API const char* qel_error_code_to_string(int error_code);
 /* Registers a callback table (not copied, not owned). Not thread-safe:
  * register before other threads use the handle. */
 QEL_API int qel_add_event_manager(qel_handle handle, qel_event_manager_t* event_manager);
+/* Websocket event publishing (spec Part 6.1; docs/websocket.md). Server
+ * builds: starts listening, with TLS, on the port of the websocket
+ * configuration file given at initialisation; from then on every room and
+ * participant change is sent as JSON to every authenticated client, from the
+ * library's one I/O thread (the calling thread never waits for the network;
+ * a client that cannot keep up is disconnected). Fails with
+ * QEL_ERROR_INVALID_VALUE when no configuration was given or a TLS file or
+ * the port fails (a later call may succeed); a second call while listening
+ * succeeds. Client builds (QUELORA_WEBSOCKETS=OFF): QEL_ERROR_INVALID_CONTROL. */
 QEL_API int qel_enable_websockets(qel_handle handle);
+/* Sends json_text (one JSON value, at most 1 MiB, copied; sent exactly as
+ * given) to every authenticated client; nothing before qel_enable_websockets.
+ * Invalid JSON gives QEL_ERROR_INVALID_VALUE, null QEL_ERROR_DATA_NULL. */
 QEL_API int qel_send_custom_websocket_event(qel_handle handle, const char* json_text);
 
 /* ---- Rooms and participants --------------------------------------------- */

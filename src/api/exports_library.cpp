@@ -102,21 +102,17 @@ QEL_API int qel_add_event_manager(qel_handle handle, qel_event_manager_t* event_
     });
 }
 
-// This build has no websocket transport yet: both functions keep the spec's
-// body for builds without one (Part 1.1; docs/status.md).
-static int websocket_unavailable(qel_handle handle) {
-    return guarded_export(handle, [](qel_library&) {
-        throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_CONTROL, "%s",
-                                "Websocket server is not available for the client side, windows, "
-                                "or mac versions of the library");
+// The body depends on the flavour (api/websocket_flavour.h, Part 6.1).
+QEL_API int qel_enable_websockets(qel_handle handle) {
+    return guarded_export(handle, [](qel_library& library) {
+        quelora::enable_websockets(library.websocket_server());
     });
 }
 
-QEL_API int qel_enable_websockets(qel_handle handle) { return websocket_unavailable(handle); }
-
 QEL_API int qel_send_custom_websocket_event(qel_handle handle, const char* json_text) {
-    (void)json_text;
-    return websocket_unavailable(handle);
+    return guarded_export(handle, [&](qel_library& library) {
+        quelora::send_custom_websocket_event(library.websocket_server(), json_text);
+    });
 }
 
 } // extern "C"

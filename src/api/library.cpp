@@ -2,16 +2,6 @@
 
 #include "dsp/processor_dispatch.h"
 
-#include <quelora/qel_logger.h>
-
-namespace {
-
-const char* const websocket_unavailable_line =
-    "The library will work properly except qel_enable_websockets and "
-    "qel_send_custom_websocket_event";
-
-} // namespace
-
 qel_library::qel_library(const char* room_layout_file, const char* websocket_configuration_file,
                          const qel_library_configuration& configuration,
                          quelora::layout_loading mode) {
@@ -22,16 +12,9 @@ qel_library::qel_library(const char* room_layout_file, const char* websocket_con
     configuration_ = configuration;
     conference_ = std::make_unique<quelora::conference>(*layouts_, configuration_);
 
-    // Step 5. The websocket server (Part 6.1) is not part of this build yet
-    // (docs/status.md): no server is kept, and the host is told so exactly
-    // as when no configuration is given.
-    qel_logger& logger = qel_logger::get_logger();
-    if (mode == quelora::layout_loading::strict) {
-        (void)websocket_configuration_file;
-        logger.log(QEL_LOG_ERROR, "%s.", websocket_unavailable_line);
-    } else {
-        logger.log(QEL_LOG_WARNING, "%s", websocket_unavailable_line);
-    }
+    // Step 5 (the flavour decides: api/websocket_flavour.h).
+    websocket_server_ = quelora::construct_websocket_server(websocket_configuration_file, mode,
+                                                            *conference_);
 
     // Step 6.
     quelora::dsp::initialize_processor_dispatch();
@@ -41,4 +24,12 @@ qel_library::qel_library(const char* room_layout_file, const char* websocket_con
     // data that the spatial-rendering issue supplies (docs/status.md).
 }
 
-qel_library::~qel_library() = default;
+// Part 1.1 teardown order: the rooms with all they own (and with them the
+// list of registered tables), the layouts, then the websocket server, whose
+// I/O thread is stopped and joined. No notification can run any more: the
+// host calls qel_destroy_library when no other thread uses the handle.
+qel_library::~qel_library() {
+    conference_.reset();
+    layouts_.reset();
+    websocket_server_.reset();
+}

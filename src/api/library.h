@@ -4,6 +4,7 @@
 #pragma once
 
 #include "api/quelora_exception.h"
+#include "api/websocket_flavour.h"
 #include "conference/conference.h"
 #include "config/library_configuration.h"
 #include "config/room_layout.h"
@@ -27,12 +28,16 @@ public:
     const quelora::processing_sizes& sizes() const { return sizes_; }
     const quelora::room_layout_set& layouts() const { return *layouts_; }
     quelora::conference& conference() { return *conference_; }
+    // Null when none was built (no or a bad configuration, the client
+    // flavour; Part 2.1 step 5).
+    quelora::events::qel_websocket_server* websocket_server() { return websocket_server_.get(); }
 
 private:
     qel_library_configuration configuration_{};
     quelora::processing_sizes sizes_;
     std::unique_ptr<quelora::room_layout_set> layouts_;
     std::unique_ptr<quelora::conference> conference_;
+    quelora::websocket_server_ptr websocket_server_;
 };
 
 namespace quelora {

@@ -1,0 +1,40 @@
+// The client flavour (spec Part 6.1, "platforms without a websocket
+// transport"): no server ever exists, initialisation says so whatever path
+// it is given, and both websocket exports keep the body of Part 1.1.
+#include "api/quelora_exception.h"
+#include "api/websocket_flavour.h"
+
+#include <quelora/qel_logger.h>
+
+namespace quelora {
+
+void websocket_server_deleter::operator()(events::qel_websocket_server*) const noexcept {
+    // Never called with a server: this flavour builds none.
+}
+
+websocket_server_ptr construct_websocket_server(const char*, layout_loading mode, conference&) {
+    const char* const line = "The library will work properly except qel_enable_websockets and "
+                             "qel_send_custom_websocket_event";
+    if (mode == layout_loading::strict) {
+        qel_logger::get_logger().log(QEL_LOG_ERROR, "%s.", line);
+    } else {
+        qel_logger::get_logger().log(QEL_LOG_WARNING, "%s", line);
+    }
+    return {};
+}
+
+namespace {
+
+[[noreturn]] void throw_unavailable() {
+    throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_CONTROL, "%s",
+                            "Websocket server is not available for the client side, windows, or "
+                            "mac versions of the library");
+}
+
+} // namespace
+
+void enable_websockets(events::qel_websocket_server*) { throw_unavailable(); }
+
+void send_custom_websocket_event(events::qel_websocket_server*, const char*) { throw_unavailable(); }
+
+} // namespace quelora

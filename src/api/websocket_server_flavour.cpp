@@ -1,0 +1,73 @@
+// The server flavour (spec Parts 2.1 step 5, 6.1; interface.md): the
+// websocket server is read from its configuration file at initialisation,
+// registered as an event sink, and listens from qel_enable_websockets on.
+#include "api/export_guard.h"
+#include "api/quelora_exception.h"
+#include "api/websocket_flavour.h"
+#include "conference/conference.h"
+#include "events/websocket_server.h"
+
+#include <quelora/qel_logger.h>
+
+#include <exception>
+
+namespace quelora {
+
+namespace {
+
+const char* const unavailable_line =
+    "The library will work properly except qel_enable_websockets and "
+    "qel_send_custom_websocket_event";
+
+} // namespace
+
+void websocket_server_deleter::operator()(events::qel_websocket_server* server) const noexcept {
+    delete server; // stops the transport and joins its I/O thread
+}
+
+websocket_server_ptr construct_websocket_server(const char* configuration_path,
+                                                layout_loading mode, conference& conference) {
+    websocket_server_ptr server;
+    if (mode == layout_loading::strict) {
+        if (configuration_path == nullptr) {
+            qel_logger::get_logger().log(QEL_LOG_ERROR, "%s.", unavailable_line);
+            return server;
+        }
+        // A bad configuration fails the initialisation (Part 2.1 step 5).
+        server.reset(new events::qel_websocket_server(configuration_path, conference));
+    } else {
+        // Always constructed, null path included; any failure leaves the
+        // library without a server (Part 2.1, from_memory).
+        try {
+            server.reset(new events::qel_websocket_server(configuration_path, conference));
+        } catch (const std::exception&) {
+            qel_logger::get_logger().log(QEL_LOG_WARNING, "%s", unavailable_line);
+            return server;
+        }
+    }
+    conference.add_event_sink(server.get());
+    return server;
+}
+
+void enable_websockets(events::qel_websocket_server* server) {
+    if (server == nullptr) {
+        throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_VALUE, "%s",
+                                "The websocket server is not configured. Please give "
+                                "qel_initialize_library the path of a valid websocket "
+                                "configuration file to use qel_enable_websockets.");
+    }
+    server->enable();
+}
+
+void send_custom_websocket_event(events::qel_websocket_server* server, const char* json_text) {
+    if (json_text == nullptr) throw_null_output("json_text", "qel_send_custom_websocket_event");
+    if (server == nullptr) {
+        throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_VALUE, "%s",
+                                "The websocket server is not configured. Please give "
+                                "qel_initialize_library the path of a valid websocket "
+                                "configuration file to use qel_send_custom_websocket_event.");
+    }
+    server->send_custom_event(json_text);
+}
+
+} // namespace quelora
