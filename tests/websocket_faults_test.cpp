@@ -261,15 +261,8 @@ TEST(Part6_1_WebsocketLocks, AddParticipantReadsItsRecordWithoutRetakingTheLibra
                   std::to_string(seat.seat_index) + ",\"seat_x\":" + std::to_string(seat.x) +
                   ",\"seat_y\":" + std::to_string(seat.y) + ",\"seat_z\":" + std::to_string(seat.z) +
                   ",\"azimuth_heading\":" + std::to_string(seat.azimuth) +
-                  ",\"elevation_heading\":" + std::to_string(seat.elevation) +
-                  ",\"QEL_CONTROL_STEREO_BYPASS_ENABLE\":0,\"QEL_CONTROL_MUTE_ENABLE\":0,"
-                  "\"QEL_CONTROL_ANC_ENABLE\":0,\"QEL_CONTROL_ANC_HIGH\":1,\"QEL_CONTROL_ANC_MIX\":100,"
-                  "\"QEL_CONTROL_AGC_ENABLE\":0,\"QEL_CONTROL_AUTO_EQ_ENABLE\":0,"
-                  "\"QEL_CONTROL_MIXING_3D_ENABLE\":0,\"QEL_CONTROL_MIXING_3D_ATTENUATION\":6,"
-                  "\"QEL_CONTROL_MIXING_3D_MAX_DISTANCE\":300,\"QEL_CONTROL_MIXING_3D_REVERB_ENABLE\":1,"
-                  "\"QEL_CONTROL_DEVICE\":1,\"QEL_CONTROL_HALF_SPAN_ANGLE\":15,"
-                  "\"QEL_CONTROL_MASTER_GAIN\":100,\"QEL_CONTROL_WHISPER_ROOM\":0,"
-                  "\"QEL_CONTROL_SIDEBAR_ROOM\":0}");
+                  ",\"elevation_heading\":" + std::to_string(seat.elevation) + "," +
+                  quelora::testing::default_controls_json);
     EXPECT_EQ(client.wait_exit(30s), 0);
     locked_library = nullptr;
 }

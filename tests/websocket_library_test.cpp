@@ -229,24 +229,12 @@ TEST(Part6_1_WebsocketEndToEnd, AScriptedSessionArrivesInOrderAndByteExact) {
         // the control values are Part 1.4's defaults (the layout sets none).
         R"({"Event":"add_participant","room_id":1,"participant_id":11,"participant_name":"Ana",)"
         R"("input_number_channels":1,"input_sampling_rate":48000,"seat_id":1,"seat_x":0,"seat_y":0,)"
-        R"("seat_z":100,"azimuth_heading":180,"elevation_heading":0,)"
-        R"("QEL_CONTROL_STEREO_BYPASS_ENABLE":0,"QEL_CONTROL_MUTE_ENABLE":0,"QEL_CONTROL_ANC_ENABLE":0,)"
-        R"("QEL_CONTROL_ANC_HIGH":1,"QEL_CONTROL_ANC_MIX":100,"QEL_CONTROL_AGC_ENABLE":0,)"
-        R"("QEL_CONTROL_AUTO_EQ_ENABLE":0,"QEL_CONTROL_MIXING_3D_ENABLE":0,)"
-        R"("QEL_CONTROL_MIXING_3D_ATTENUATION":6,"QEL_CONTROL_MIXING_3D_MAX_DISTANCE":300,)"
-        R"("QEL_CONTROL_MIXING_3D_REVERB_ENABLE":1,"QEL_CONTROL_DEVICE":1,)"
-        R"("QEL_CONTROL_HALF_SPAN_ANGLE":15,"QEL_CONTROL_MASTER_GAIN":100,)"
-        R"("QEL_CONTROL_WHISPER_ROOM":0,"QEL_CONTROL_SIDEBAR_ROOM":0})",
+        R"("seat_z":100,"azimuth_heading":180,"elevation_heading":0,)" +
+            quelora::testing::default_controls_json,
         "{\"Event\":\"add_participant\",\"room_id\":1,\"participant_id\":12,\"participant_name\":"
         "\"Zo\xc3\xab\",\"input_number_channels\":2,\"input_sampling_rate\":16000,\"seat_id\":2,"
-        "\"seat_x\":100,\"seat_y\":0,\"seat_z\":0,\"azimuth_heading\":-90,\"elevation_heading\":0,"
-        R"("QEL_CONTROL_STEREO_BYPASS_ENABLE":0,"QEL_CONTROL_MUTE_ENABLE":0,"QEL_CONTROL_ANC_ENABLE":0,)"
-        R"("QEL_CONTROL_ANC_HIGH":1,"QEL_CONTROL_ANC_MIX":100,"QEL_CONTROL_AGC_ENABLE":0,)"
-        R"("QEL_CONTROL_AUTO_EQ_ENABLE":0,"QEL_CONTROL_MIXING_3D_ENABLE":0,)"
-        R"("QEL_CONTROL_MIXING_3D_ATTENUATION":6,"QEL_CONTROL_MIXING_3D_MAX_DISTANCE":300,)"
-        R"("QEL_CONTROL_MIXING_3D_REVERB_ENABLE":1,"QEL_CONTROL_DEVICE":1,)"
-        R"("QEL_CONTROL_HALF_SPAN_ANGLE":15,"QEL_CONTROL_MASTER_GAIN":100,)"
-        R"("QEL_CONTROL_WHISPER_ROOM":0,"QEL_CONTROL_SIDEBAR_ROOM":0})",
+        "\"seat_x\":100,\"seat_y\":0,\"seat_z\":0,\"azimuth_heading\":-90,\"elevation_heading\":0," +
+            quelora::testing::default_controls_json,
         R"({"Event":"move_participant_event","room_id":1,"participant_id":12,"seat":3,"x":0,"y":0,)"
         R"("z":-100,"azimuth_heading":0,"elevation_heading":0})",
         R"({"Event":"set_participant_state","room_id":1,"participant_id":11,)"

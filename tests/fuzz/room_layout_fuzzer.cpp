@@ -6,26 +6,16 @@
 #include "api/quelora_exception.h"
 #include "config/room_layout.h"
 
-#include <quelora/qel_logger.h>
+#include "fuzz_support.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <string>
 
+using quelora::fuzz::require;
+
 namespace {
-
-// Logging stays on so that the format paths run on fuzzed names, but the
-// lines go nowhere.
-class discard_handler final : public qel_logger_handler {
-public:
-    void handle(qel_log_level, const char*) override {}
-};
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 void exercise(const std::string& text) {
     const quelora::room_layout_set set(quelora::parse_json_text(text));
@@ -50,11 +40,7 @@ void exercise(const std::string& text) {
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    static discard_handler handler;
-    qel_logger& logger = qel_logger::get_logger();
-    logger.initialize(&handler);
-    logger.set_log_level(QEL_LOG_VERBOSE);
-    logger.set_enabled(true);
+    quelora::fuzz::discard_all_log_lines();
     return 0;
 }
 

@@ -6,32 +6,16 @@
 #include "api/quelora_exception.h"
 #include "events/websocket_configuration.h"
 
-#include <quelora/qel_logger.h>
+#include "fuzz_support.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
-namespace {
-
-class discard_handler final : public qel_logger_handler {
-public:
-    void handle(qel_log_level, const char*) override {}
-};
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
-} // namespace
+using quelora::fuzz::require;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    static discard_handler handler;
-    qel_logger& logger = qel_logger::get_logger();
-    logger.initialize(&handler);
-    logger.set_log_level(QEL_LOG_VERBOSE);
-    logger.set_enabled(true);
+    quelora::fuzz::discard_all_log_lines();
     return 0;
 }
 

@@ -59,6 +59,17 @@ private:
     int error_ = 0;
 };
 
+// The sixteen control values of an "add_participant" message for a
+// participant with Part 1.4's defaults, from control 1 to the closing brace.
+inline const std::string default_controls_json =
+    R"("QEL_CONTROL_STEREO_BYPASS_ENABLE":0,"QEL_CONTROL_MUTE_ENABLE":0,"QEL_CONTROL_ANC_ENABLE":0,)"
+    R"("QEL_CONTROL_ANC_HIGH":1,"QEL_CONTROL_ANC_MIX":100,"QEL_CONTROL_AGC_ENABLE":0,)"
+    R"("QEL_CONTROL_AUTO_EQ_ENABLE":0,"QEL_CONTROL_MIXING_3D_ENABLE":0,)"
+    R"("QEL_CONTROL_MIXING_3D_ATTENUATION":6,"QEL_CONTROL_MIXING_3D_MAX_DISTANCE":300,)"
+    R"("QEL_CONTROL_MIXING_3D_REVERB_ENABLE":1,"QEL_CONTROL_DEVICE":1,)"
+    R"("QEL_CONTROL_HALF_SPAN_ANGLE":15,"QEL_CONTROL_MASTER_GAIN":100,)"
+    R"("QEL_CONTROL_WHISPER_ROOM":0,"QEL_CONTROL_SIDEBAR_ROOM":0})";
+
 // ws_client.py arguments that authenticate with the test key by header.
 inline std::vector<std::string> authenticated_client(uint16_t port, std::vector<std::string> more) {
     more.insert(more.begin(), {"--header", "token=secret"});
