@@ -688,3 +688,27 @@ TEST(Part6_1_WebsocketTransportRobustness, GarbageAndSilentConnectionsAreClosed)
     EXPECT_EQ(listener.messages(), (std::vector<std::string>{"still serving", "still serving later"}));
     EXPECT_TRUE(wait_until([&] { return s.transport.client_count() == 0; }, deadline));
 }
+
+TEST(Part6_1_WebsocketTransportRobustness, ConnectionsBeyondTheLimitAreClosed) {
+    log_capture capture;
+    ev::transport_limits limits;
+    limits.max_connections = 1;
+    server s("secret", limits);
+    python_client first(client(s.port, {"--header", "token=secret", "--count", "1"}));
+    expect_line(first, "connected 1");
+
+    const int second = connect_raw(s.port);
+    EXPECT_TRUE(closed_by_server(second, deadline));
+    close(second);
+    EXPECT_TRUE(logged(capture, QEL_LOG_WARNING,
+                       "The websocket server refused a connection from " + peer +
+                           ": 1 connections are open, the most it keeps"));
+
+    // Once the first client has gone, a new one is served.
+    s.transport.broadcast("to the first");
+    EXPECT_EQ(first.wait_exit(deadline), 0);
+    EXPECT_TRUE(wait_until([&] { return s.transport.client_count() == 0; }, deadline));
+    listening_client third(s.port, 1);
+    s.transport.broadcast("to the third");
+    EXPECT_EQ(third.messages(), std::vector<std::string>{"to the third"});
+}

@@ -47,6 +47,7 @@ public:
     const std::string& value() const { return value_; }
 
     void add_live(const std::shared_ptr<websocket_session>& session);
+    size_t live_count() const { return live_.size(); }
     void add_recipient(const std::shared_ptr<websocket_session>& session);
     // Forgets the session in both roles (its pending handlers keep it alive
     // until they have run).

@@ -95,6 +95,18 @@ void websocket_transport::state::on_accept(error_code error, tcp::socket socket)
         });
         return;
     }
+    if (registry->live_count() >= limits.max_connections) {
+        error_code ignored_error;
+        const tcp::endpoint peer = socket.remote_endpoint(ignored_error);
+        const std::string address = peer.address().to_string() + ":" + std::to_string(peer.port());
+        qel_logger::get_logger().log(QEL_LOG_WARNING,
+                                     "The websocket server refused a connection from %s: %zu "
+                                     "connections are open, the most it keeps",
+                                     address.c_str(), limits.max_connections);
+        socket.close(ignored_error);
+        accept_next();
+        return;
+    }
     // Asio accepts without SOCK_CLOEXEC: set it at once, or a process the
     // host spawns would keep the connection open after we close it.
     ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);

@@ -26,6 +26,10 @@ struct transport_limits {
     // Largest message accepted from a client (clients have nothing to say;
     // their messages are read and discarded so that pings and closes work).
     size_t max_incoming_message_bytes = 4096;
+    // Connections held at once, authenticated or not. Beyond it a new
+    // connection is closed at once (with a warning), so a flood of idle
+    // connections cannot exhaust the process's file descriptors.
+    size_t max_connections = 256;
 };
 
 class websocket_transport {
