@@ -40,7 +40,7 @@ QEL_API int qel_get_participant_seat(qel_handle handle, uint32_t room_id, uint32
     return guarded_export(handle, [&](qel_library& l) {
         if (seat == nullptr) throw_null_output("seat", "qel_get_participant_seat");
         const quelora::place p = l.conference().participant_place(to_id(room_id), to_id(participant_id));
-        *seat = qel_seat{p.seat_index, p.x, p.y, p.z, p.azimuth, p.elevation};
+        *seat = quelora::to_seat_record(p);
     });
 }
 

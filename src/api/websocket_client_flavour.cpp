@@ -4,8 +4,6 @@
 #include "api/quelora_exception.h"
 #include "api/websocket_flavour.h"
 
-#include <quelora/qel_logger.h>
-
 namespace quelora {
 
 void websocket_server_deleter::operator()(events::qel_websocket_server*) const noexcept {
@@ -13,13 +11,7 @@ void websocket_server_deleter::operator()(events::qel_websocket_server*) const n
 }
 
 websocket_server_ptr construct_websocket_server(const char*, layout_loading mode, conference&) {
-    const char* const line = "The library will work properly except qel_enable_websockets and "
-                             "qel_send_custom_websocket_event";
-    if (mode == layout_loading::strict) {
-        qel_logger::get_logger().log(QEL_LOG_ERROR, "%s.", line);
-    } else {
-        qel_logger::get_logger().log(QEL_LOG_WARNING, "%s", line);
-    }
+    log_no_websocket_server(mode);
     return {};
 }
 

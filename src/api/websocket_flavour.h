@@ -22,6 +22,11 @@ struct websocket_server_deleter {
 };
 using websocket_server_ptr = std::unique_ptr<events::qel_websocket_server, websocket_server_deleter>;
 
+// Part 2.1 step 5's line for a library without a server: level 4 with a
+// final full stop in the strict path, level 3 without one from memory.
+// Shared by both flavours (websocket_flavour.cpp).
+void log_no_websocket_server(layout_loading mode);
+
 // Part 2.1 step 5 of either initialisation path. A server that is built is
 // registered as an event sink of the conference, which must outlive its
 // notifications. Throws (strict path only) what the construction throws.

@@ -7,17 +7,19 @@
 #include "conference/conference.h"
 #include "events/websocket_server.h"
 
-#include <quelora/qel_logger.h>
-
 #include <exception>
 
 namespace quelora {
 
 namespace {
 
-const char* const unavailable_line =
-    "The library will work properly except qel_enable_websockets and "
-    "qel_send_custom_websocket_event";
+[[noreturn]] void throw_not_configured(const char* function) {
+    throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_VALUE,
+                            "The websocket server is not configured. Please give "
+                            "qel_initialize_library the path of a valid websocket configuration "
+                            "file to use %s.",
+                            function);
+}
 
 } // namespace
 
@@ -30,7 +32,7 @@ websocket_server_ptr construct_websocket_server(const char* configuration_path,
     websocket_server_ptr server;
     if (mode == layout_loading::strict) {
         if (configuration_path == nullptr) {
-            qel_logger::get_logger().log(QEL_LOG_ERROR, "%s.", unavailable_line);
+            log_no_websocket_server(mode);
             return server;
         }
         // A bad configuration fails the initialisation (Part 2.1 step 5).
@@ -41,7 +43,7 @@ websocket_server_ptr construct_websocket_server(const char* configuration_path,
         try {
             server.reset(new events::qel_websocket_server(configuration_path, conference));
         } catch (const std::exception&) {
-            qel_logger::get_logger().log(QEL_LOG_WARNING, "%s", unavailable_line);
+            log_no_websocket_server(mode);
             return server;
         }
     }
@@ -50,23 +52,13 @@ websocket_server_ptr construct_websocket_server(const char* configuration_path,
 }
 
 void enable_websockets(events::qel_websocket_server* server) {
-    if (server == nullptr) {
-        throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_VALUE, "%s",
-                                "The websocket server is not configured. Please give "
-                                "qel_initialize_library the path of a valid websocket "
-                                "configuration file to use qel_enable_websockets.");
-    }
+    if (server == nullptr) throw_not_configured("qel_enable_websockets");
     server->enable();
 }
 
 void send_custom_websocket_event(events::qel_websocket_server* server, const char* json_text) {
     if (json_text == nullptr) throw_null_output("json_text", "qel_send_custom_websocket_event");
-    if (server == nullptr) {
-        throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_VALUE, "%s",
-                                "The websocket server is not configured. Please give "
-                                "qel_initialize_library the path of a valid websocket "
-                                "configuration file to use qel_send_custom_websocket_event.");
-    }
+    if (server == nullptr) throw_not_configured("qel_send_custom_websocket_event");
     server->send_custom_event(json_text);
 }
 

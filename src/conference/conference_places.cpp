@@ -13,7 +13,7 @@ namespace quelora {
 void conference::set_participant_seat(int32_t room_id, int32_t participant_id, int32_t seat_index) {
     std::shared_lock library(library_lock_);
     const place now = find_room(room_id).set_seat(participant_id, seat_index);
-    const qel_seat seat{now.seat_index, now.x, now.y, now.z, now.azimuth, now.elevation};
+    const qel_seat seat = to_seat_record(now);
     events_.notify([&](event_sink& sink) { sink.move_participant_event(room_id, participant_id, &seat); });
     // Deliberately the requested index, not the stacked one (Part 3.3 step 5).
     qel_logger::get_logger().log(QEL_LOG_INFO, "Participant %i in room %i has moved to seat %i",

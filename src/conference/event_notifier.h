@@ -22,7 +22,6 @@ public:
     // (Part 3.5); notifications only read the list.
     void add(const qel_event_manager_t* table);
     void add(event_sink* sink) { sinks_.push_back(sink); }
-    size_t size() const { return sinks_.size(); }
 
     // call(event_sink&) once per sink, in registration order.
     template <typename Call>

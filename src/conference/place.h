@@ -4,6 +4,8 @@
 
 #include "config/room_layout.h"
 
+#include <quelora/quelora.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -17,6 +19,11 @@ struct place {
 
     bool operator==(const place&) const = default;
 };
+
+// The same six fields as the public seat record (interface.md).
+inline qel_seat to_seat_record(const place& p) {
+    return qel_seat{p.seat_index, p.x, p.y, p.z, p.azimuth, p.elevation};
+}
 
 // A source as one listener hears it (Part 3.3 steps 1-10), before storing.
 struct direction {

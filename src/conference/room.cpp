@@ -17,10 +17,15 @@ room::room(int32_t id, const quelora_room_layout* layout,
 
 room::~room() { tear_down(); }
 
-participant& room::find(int32_t participant_id) {
-    for (auto& p : participants_) {
-        if (p->id() == participant_id) return *p;
+participant* room::find_if_present(int32_t participant_id) const {
+    for (const auto& p : participants_) {
+        if (p->id() == participant_id) return p.get();
     }
+    return nullptr;
+}
+
+participant& room::find(int32_t participant_id) {
+    if (participant* found = find_if_present(participant_id)) return *found;
     throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_PARTICIPANT_ID,
                             "The participant id %i is not in room %i", participant_id, id_);
 }

@@ -77,6 +77,8 @@ public:
 private:
     participant& find(int32_t participant_id);
     const participant& find(int32_t participant_id) const;
+    // Null, without logging, when the participant is not in the room.
+    participant* find_if_present(int32_t participant_id) const;
     // Part 3.4 set rules for one participant (auto EQ rule, then check and store).
     void apply_state(participant& p, int32_t control, int32_t value);
     // The same checks without storing, so that multi-participant changes can

@@ -122,17 +122,14 @@ place room::get_place(int32_t participant_id) const {
 
 std::optional<participant_snapshot> room::snapshot(int32_t participant_id) const {
     std::shared_lock participants(participants_lock_);
-    for (const auto& p : participants_) {
-        if (p->id() != participant_id) continue;
-        const place now = p->identity().get_place();
-        const control_values values = p->identity().controls();
-        participant_snapshot result;
-        result.seat = {now.seat_index, now.x, now.y, now.z, now.azimuth, now.elevation};
-        for (int32_t control = 1; control <= control_count; ++control)
-            result.controls[static_cast<size_t>(control - 1)] = values.get(control);
-        return result;
-    }
-    return std::nullopt;
+    const participant* p = find_if_present(participant_id);
+    if (p == nullptr) return std::nullopt;
+    const control_values values = p->identity().controls();
+    participant_snapshot result;
+    result.seat = to_seat_record(p->identity().get_place());
+    for (int32_t control = 1; control <= control_count; ++control)
+        result.controls[static_cast<size_t>(control - 1)] = values.get(control);
+    return result;
 }
 
 source_direction room::spherical(int32_t listener_id, int32_t source_id) const {
