@@ -127,26 +127,26 @@ def print_messages(all_messages):
             say(f"message {index} {json.dumps(message)}")
 
 
-async def listen(arguments, context):
+async def connect_and_receive(arguments, context, count, progress):
+    """Opens --clients connections, reads count messages on each, prints them."""
     connections = await asyncio.gather(
         *(open_connection(arguments, context) for _ in range(arguments.clients)))
     say(f"connected {len(connections)}")
     all_messages = await asyncio.gather(
-        *(receive(connection, index, arguments.count, arguments.progress)
+        *(receive(connection, index, count, progress)
           for index, connection in enumerate(connections)))
     print_messages(all_messages)
+    return connections
+
+
+async def listen(arguments, context):
+    connections = await connect_and_receive(arguments, context, arguments.count, arguments.progress)
     await asyncio.gather(*(connection.close() for connection in connections))
     say("done")
 
 
 async def disconnect_after(arguments, context):
-    connections = await asyncio.gather(
-        *(open_connection(arguments, context) for _ in range(arguments.clients)))
-    say(f"connected {len(connections)}")
-    all_messages = await asyncio.gather(
-        *(receive(connection, index, arguments.after, False)
-          for index, connection in enumerate(connections)))
-    print_messages(all_messages)
+    connections = await connect_and_receive(arguments, context, arguments.after, False)
     for connection in connections:
         connection.transport.abort()
     say("aborted")
