@@ -94,7 +94,7 @@ constexpr std::size_t float_total() {
     for (const weight_tensor& t : tensors) n += t.count;
     return n;
 }
-static_assert(float_total() == dfn_weight_count, "Part 5.2: the table holds 1 517 904 floats");
+static_assert(float_total() == dfn_weight_count, "the DFN weight table holds 1 517 904 floats");
 
 } // namespace
 
@@ -104,7 +104,7 @@ const float* dfn_weight_reader::take(tensor_kind kind, uint32_t count) {
     if (next_ >= tensors.size() || tensors[next_].kind != kind || tensors[next_].count != count)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "DFN weight table: tensor %i (%u floats) does not match the "
-                                "layout of Part 5.2",
+                                "network's weight layout",
                                 static_cast<int>(next_), count);
     const float* tensor = table_ + offset_;
     offset_ += count;

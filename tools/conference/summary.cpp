@@ -93,7 +93,7 @@ void print_controls(const library_session& session) {
         if (who_by_difference.find(differences) == who_by_difference.end()) order.push_back(differences);
         who_by_difference[differences].push_back(p.name);
     }
-    std::printf("\nControls that differ from the defaults (Part 3.4):\n");
+    std::printf("\nControls that differ from the defaults:\n");
     for (const auto& differences : order) {
         const auto& who = who_by_difference[differences];
         std::string names;
