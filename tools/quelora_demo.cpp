@@ -18,7 +18,7 @@ namespace {
 
 struct options {
     const char* layout_file = QUELORA_DEFAULT_LAYOUTS;
-    int layout_id = -1; // -1: the document's default layout
+    int layout_id = -1; // -1: keep the layout a new room gets
     int participants = 4;
 };
 

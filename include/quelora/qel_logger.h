@@ -1,4 +1,4 @@
-// Quelora process-wide logger and its replaceable sink (spec Part 1.3).
+// Quelora process-wide logger and its replaceable sink.
 //
 // One qel_logger exists per process, shared by every library instance. A host
 // installs its own sink by deriving from qel_logger_handler and passing it to

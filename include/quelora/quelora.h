@@ -1,5 +1,5 @@
 /*
- * Quelora: spatial-audio conferencing engine, C interface (spec Part 1.1).
+ * Quelora: spatial-audio conferencing engine, C interface.
  *
  * Threading: every function may be called from any host thread; the library
  * serialises internally with reader/writer locks (rooms and layout changes
@@ -25,7 +25,7 @@
  *
  * Errors: functions returning int return a qel_error_code; QEL_ERROR_NONE
  * (-10000) is success. No C++ exception ever leaves these functions: a failure
- * the spec leaves untranslated (a JSON type error in a room layout file, an
+ * that has no code of its own (a JSON type error in a room layout file, an
  * allocation failure) is logged at level 4 and reported with the code that
  * docs/errors.md gives for it.
  */
@@ -54,7 +54,10 @@
 extern "C" {
 #endif
 
-/* Error codes (spec Part 1.2). -9988 and -9980 deliberately have no name. */
+/* Error codes. Two codes deliberately have no name: -9988 (the room layout
+ * document is not valid) and -9980 (the room layout file does not exist);
+ * qel_error_code_to_string gives "QEL_ERROR_NONE" for them, as for any code
+ * not listed here. */
 typedef QEL_ENUM(qel_error_code) {
     QEL_ERROR_NONE = -10000,
     QEL_ERROR_HANDLE_NULL = -9999,
@@ -73,7 +76,9 @@ typedef QEL_ENUM(qel_error_code) {
     QEL_ERROR_LIBRARY_NOT_YET_INITIALIZED = -9985
 } qel_error_code;
 
-/* Log levels (spec Part 1.3). */
+/* Log levels. A line is written when logging is enabled (qel_enable_logging,
+ * off at first) and its level is at least the threshold (QEL_LOG_WARNING
+ * until qel_set_log_level). */
 typedef QEL_ENUM(qel_log_level) {
     QEL_LOG_VERBOSE = 0,
     QEL_LOG_DEBUG = 1,
@@ -82,7 +87,8 @@ typedef QEL_ENUM(qel_log_level) {
     QEL_LOG_ERROR = 4
 } qel_log_level;
 
-/* Audio controls (spec Part 1.4). 17 is "not a control". */
+/* Audio controls. qel_string_to_audio_control returns 17 for a name that is
+ * not a control. */
 typedef QEL_ENUM(qel_audio_control) {
     QEL_CONTROL_STEREO_BYPASS_ENABLE = 1,
     QEL_CONTROL_MUTE_ENABLE = 2,
@@ -133,13 +139,13 @@ typedef struct { int32_t x, y, z; } qel_position;
 typedef struct { int32_t azimuth, elevation; } qel_heading;
 typedef struct { int32_t seat_index, x, y, z, azimuth, elevation; } qel_seat; /* the place record */
 
-/* Host callbacks (spec Part 3.5). Any slot may be null. Callbacks run on the
- * thread that made the change, after the room's locks are released but with
- * the library lock held shared: a callback must not call back into the
- * library with the handle (queue the work for later instead). The lock, like
- * the spec's slim reader/writer lock, admits no new reader while a writer
- * (room creation or destruction, a layout change) waits, so even a getter
- * called from a callback can deadlock behind another thread's writer.
+/* Host callbacks. Any slot may be null. Callbacks run on the thread that made
+ * the change, after the room's locks are released but with the library lock
+ * held shared: a callback must not call back into the library with the
+ * handle (queue the work for later instead). The lock admits no new reader
+ * while a writer (room creation or destruction, a layout change) waits, so
+ * that audio calls cannot starve those changes; even a getter called from a
+ * callback can therefore deadlock behind another thread's writer.
  * Pointers passed in are valid during the call only. */
 typedef struct qel_event_manager_t {
     void (*create_room)(int32_t room_id);
@@ -165,7 +171,8 @@ QEL_API qel_handle qel_initialize_library(const char* room_layout_file,
                                           const char* websocket_configuration_file,
                                           qel_library_configuration configuration, int* error);
 /* As above, but a missing, null or bad room layout file falls back to the
- * built-in layout instead of failing (spec Part 2.1). */
+ * built-in layout instead of failing, and a websocket configuration that
+ * cannot be used leaves the library without a websocket server. */
 QEL_API qel_handle qel_initialize_library_from_memory(const char* room_layout_file,
                                                       const char* websocket_configuration_file,
                                                       qel_library_configuration configuration,
@@ -185,12 +192,12 @@ QEL_API const char* qel_error_code_to_string(int error_code);
 /* Registers a callback table (not copied, not owned). Not thread-safe:
  * register before other threads use the handle. */
 QEL_API int qel_add_event_manager(qel_handle handle, qel_event_manager_t* event_manager);
-/* Websocket event publishing (spec Part 6.1; docs/websocket.md). Server
- * builds: starts listening, with TLS, on the port of the websocket
- * configuration file given at initialisation; from then on every room and
- * participant change is sent as JSON to every authenticated client, from the
- * library's one I/O thread (the calling thread never waits for the network;
- * a client that cannot keep up is disconnected). Fails with
+/* Websocket event publishing (docs/websocket.md). Server builds: starts
+ * listening, with TLS, on the port of the websocket configuration file
+ * given at initialisation; from then on every room and participant change
+ * is sent as JSON to every authenticated client, from the library's one I/O
+ * thread (the calling thread never waits for the network; a client that
+ * cannot keep up is disconnected). Fails with
  * QEL_ERROR_INVALID_VALUE when no configuration was given or a TLS file or
  * the port fails (a later call may succeed); a second call while listening
  * succeeds. Client builds (QUELORA_WEBSOCKETS=OFF): QEL_ERROR_INVALID_CONTROL. */
@@ -218,9 +225,10 @@ QEL_API int qel_get_participant_configuration(qel_handle handle, uint32_t room_i
 /* name: zero-terminated bytes, copied; null is taken as "". */
 QEL_API int qel_set_participant_name(qel_handle handle, uint32_t room_id, uint32_t participant_id,
                                      const char* name);
-/* Writes the name and its terminating zero; buffer_length must be at least
- * the name's length (spec Part 3.2: a buffer of exactly the length passes and
- * receives length + 1 bytes). */
+/* Writes the name and its terminating zero. buffer_length is deliberately
+ * compared with the name's length without the terminator: a buffer_length of
+ * exactly the length passes and receives length + 1 bytes, so size the buffer
+ * for the terminator too. */
 QEL_API int qel_get_participant_name(qel_handle handle, uint32_t room_id, uint32_t participant_id,
                                      char* name, int buffer_length);
 QEL_API int qel_set_participant_position(qel_handle handle, uint32_t room_id,
@@ -245,7 +253,7 @@ QEL_API int qel_set_all_participants_state(qel_handle handle, uint32_t room_id,
                                            qel_audio_control control, int value);
 QEL_API int qel_flush_data(qel_handle handle, uint32_t room_id, uint32_t participant_id);
 
-/* ---- Audio (spec Parts 4.1, 4.2) ----------------------------------------
+/* ---- Audio --------------------------------------------------------------
  * For each participant and block period: one input call with exactly the
  * participant's required input frames (output frames x input rate / output
  * rate) of input_number_channels channels, and one output call that fills
@@ -269,7 +277,7 @@ QEL_API int qel_output_audio_float(qel_handle handle, uint32_t room_id, uint32_t
 QEL_API int qel_output_audio_double(qel_handle handle, uint32_t room_id, uint32_t participant_id,
                                     double* samples);
 
-/* ---- Vocabulary converters (spec Part 1.4) ------------------------------ */
+/* ---- Vocabulary converters ---------------------------------------------- */
 
 QEL_API const char* qel_audio_control_to_string(qel_audio_control control);
 QEL_API qel_audio_control qel_string_to_audio_control(const char* text);

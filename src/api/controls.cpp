@@ -22,7 +22,7 @@ struct control_rule {
     const char* message;
 };
 
-// Indexed by control number; entry 0 unused. Spec Part 1.4 table.
+// Indexed by control number; entry 0 unused.
 constexpr control_rule rules[control_count + 1] = {
     {"", 0, 0, 0, ""},
     {"QEL_CONTROL_STEREO_BYPASS_ENABLE", 1, 0, 0,
@@ -48,7 +48,8 @@ constexpr control_rule rules[control_count + 1] = {
      "You must use a value of either 0 or 1 for reverb control"},
     {"QEL_CONTROL_DEVICE", 2, 1, 1,
      "You must use a valid qel_device_types value to change the device"},
-    // Deliberately 0..89 although the message says 1 to 90 (spec Part 1.4, step 3).
+    // Deliberately 0..89, one less at each end than the message's 1 to 90;
+    // range and message are both kept as hosts know them.
     {"QEL_CONTROL_HALF_SPAN_ANGLE", 89, 0, 15,
      "You must use a value of between 1 and 90 for half span angle control"},
     {"QEL_CONTROL_MASTER_GAIN", 100, 0, 100,

@@ -1,11 +1,11 @@
-// Error-code names (spec Part 1.2).
+// Error-code names.
 #pragma once
 
 #include <quelora/quelora.h>
 
 namespace quelora {
 
-// Codes without a name in the enumeration (spec Part 1.2).
+// Codes deliberately without a name in the public enumeration.
 inline constexpr int error_invalid_room_configuration = -9988;
 inline constexpr int error_room_layout_file_missing = -9980;
 

@@ -1,6 +1,6 @@
-// The common shape of every handle-taking export (spec Part 1.1): the null
-// handle guard, then one library operation; no exception crosses the C
-// boundary (docs/errors.md lists what untranslated failures return).
+// The common shape of every handle-taking export: the null handle guard,
+// then one library operation; no exception crosses the C boundary
+// (docs/errors.md lists what failures without a code of their own return).
 #pragma once
 
 #include "api/library.h"
@@ -12,7 +12,8 @@
 namespace quelora {
 
 void log_null_handle();
-// Logs an exception that the spec leaves untranslated and returns its code.
+// Logs an exception that carries no code of its own (a JSON type error, a
+// standard exception) and returns the code docs/errors.md gives it.
 int report_untranslated(const std::exception& e);
 int report_unknown_exception();
 
@@ -32,10 +33,12 @@ int guarded_export(qel_handle handle, Operation&& operation,
     }
 }
 
-// Ids arrive as unsigned 32-bit and are kept as signed 32-bit (Overview).
+// Ids arrive as unsigned 32-bit and are kept, logged and passed to callbacks
+// as signed 32-bit (an id above INT32_MAX reads as negative).
 inline int32_t to_id(uint32_t id) { return static_cast<int32_t>(id); }
 
-// The Part 1.1 style message for a null output pointer, at level 4; throws.
+// "Your <pointer> pointer is null. Please initialize <pointer> before passing
+// to <function>." at level 4 with QEL_ERROR_DATA_NULL; throws.
 [[noreturn]] void throw_null_output(const char* pointer, const char* function);
 
 } // namespace quelora

@@ -1,5 +1,5 @@
-// Audio exports (spec Parts 1.1, 4.1, 4.2): the three sample types of each
-// direction lead into one routine that takes the type as an argument.
+// Audio exports: the three sample types of each direction lead into one
+// routine that takes the type as an argument.
 #include "api/export_guard.h"
 
 using quelora::guarded_export;
@@ -20,7 +20,8 @@ int output_audio(qel_handle handle, uint32_t room_id, uint32_t participant_id, v
                  sample_type type) {
     int result = QEL_ERROR_NONE;
     const int code = guarded_export(handle, [&](qel_library& l) {
-        // No source had a block: returned, not thrown (Part 4.2).
+        // No source had a block: returned, not thrown, since it is no failure
+        // (the buffer holds silence).
         if (!l.conference().output_audio(to_id(room_id), to_id(participant_id), samples, type)) {
             result = QEL_ERROR_NO_INPUT_AUDIO;
         }

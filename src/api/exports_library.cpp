@@ -1,4 +1,4 @@
-// Library lifetime, information, logging and events exports (spec Part 1.1).
+// Library lifetime, information, logging and events exports.
 #include "api/error_codes.h"
 #include "api/export_guard.h"
 
@@ -44,7 +44,8 @@ QEL_API qel_handle qel_initialize_library_from_memory(const char* room_layout_fi
 }
 
 QEL_API int qel_destroy_library(qel_handle handle) {
-    // Deliberately -9985 rather than -9999 for a null handle (Part 1.1).
+    // Deliberately -9985 (not yet initialised) rather than -9999 for a null
+    // handle: the one export that reports a null handle so.
     return guarded_export(handle, [](qel_library& library) { delete &library; },
                           QEL_ERROR_LIBRARY_NOT_YET_INITIALIZED);
 }
@@ -102,7 +103,7 @@ QEL_API int qel_add_event_manager(qel_handle handle, qel_event_manager_t* event_
     });
 }
 
-// The body depends on the flavour (api/websocket_flavour.h, Part 6.1).
+// The body depends on the flavour (api/websocket_flavour.h).
 QEL_API int qel_enable_websockets(qel_handle handle) {
     return guarded_export(handle, [](qel_library& library) {
         quelora::enable_websockets(library.websocket_server());

@@ -1,4 +1,4 @@
-// Seat, position, direction and state exports (spec Parts 1.1, 3.3, 3.4).
+// Seat, position, direction and state exports.
 #include "api/export_guard.h"
 
 using quelora::guarded_export;
@@ -49,7 +49,8 @@ QEL_API int qel_get_participant_spherical(qel_handle handle, uint32_t room_id,
                                           int32_t* azimuth, int32_t* elevation,
                                           int32_t* distance) {
     return guarded_export(handle, [&](qel_library& l) {
-        // Before the library object is asked, even for an unknown room (Part 1.1).
+        // Checked before the room lookup: equal ids are refused even for an
+        // unknown room.
         if (listener_id == source_id) {
             throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_PARTICIPANT_ID, "%s",
                                     "You must use a different listener_id and source_id for "
@@ -77,7 +78,7 @@ QEL_API int qel_get_participant_state(qel_handle handle, uint32_t room_id, uint3
                                       qel_audio_control control, int* value) {
     return guarded_export(handle, [&](qel_library& l) {
         if (value == nullptr) throw_null_output("value", "qel_get_participant_state");
-        *value = 0; // what the host reads after any failure (Part 3.4)
+        *value = 0; // what the host reads after a failed lookup or control check
         *value = l.conference().participant_state(to_id(room_id), to_id(participant_id), control);
     });
 }

@@ -1,4 +1,4 @@
-// Room and participant exports (spec Parts 1.1, 3.1, 3.2).
+// Room and participant exports.
 #include "api/export_guard.h"
 
 using quelora::guarded_export;
@@ -52,7 +52,7 @@ QEL_API int qel_get_participant_count(qel_handle handle, uint32_t room_id, int* 
             throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_DATA_NULL, "%s",
                                     "Your participant_count variable was NULL");
         }
-        *participant_count = 0; // stays 0 when the room lookup fails (Part 3.2)
+        *participant_count = 0; // stays 0 when the room lookup fails
         *participant_count = l.conference().participant_count(to_id(room_id));
     });
 }
@@ -61,7 +61,8 @@ QEL_API int qel_get_participant_configuration(qel_handle handle, uint32_t room_i
                                               uint32_t participant_id,
                                               qel_participant_configuration* configuration) {
     if (handle == nullptr && configuration != nullptr) {
-        // Deliberately type 4, which does not exist (Part 1.1).
+        // Deliberately {-1, -1, 4}: 4 is no participant type, so the record
+        // cannot pass for a real configuration.
         *configuration = qel_participant_configuration{-1, -1, 4};
     }
     return guarded_export(handle, [&](qel_library& l) {

@@ -1,4 +1,4 @@
-// Vocabulary converters (spec Part 1.4); they take no handle and never fail.
+// Vocabulary converters; they take no handle and never fail.
 #include "api/controls.h"
 
 extern "C" {

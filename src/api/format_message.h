@@ -1,6 +1,6 @@
 // printf-style formatting without a length limit, shared by the logger and
-// quelora_exception (Parts 1.2, 1.3): the length is measured first, then a
-// zero-filled buffer of length + 1 receives the text.
+// quelora_exception: the length is measured first, then a zero-filled buffer
+// of length + 1 receives the text.
 #pragma once
 
 #include <cstdarg>

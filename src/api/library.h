@@ -1,6 +1,6 @@
-// The library object behind a qel_handle (spec Parts 1.1, 2.1): a thin owner
-// of the configuration, the room layouts and the conference model. Every
-// operation turns a quelora_exception into its code (Part 1.2).
+// The library object behind a qel_handle: a thin owner of the configuration,
+// the room layouts and the conference model. Every operation turns a
+// quelora_exception into its code.
 #pragma once
 
 #include "api/quelora_exception.h"
@@ -16,7 +16,8 @@
 
 struct qel_library {
 public:
-    // Part 2.1 steps 1-10; throws quelora_exception (or the JSON library's
+    // Checks the configuration, loads the layouts, builds the conference and
+    // the websocket server; throws quelora_exception (or the JSON library's
     // exception for a type error in a strict layout file).
     qel_library(const char* room_layout_file, const char* websocket_configuration_file,
                 const qel_library_configuration& configuration, quelora::layout_loading mode);
@@ -29,7 +30,7 @@ public:
     const quelora::room_layout_set& layouts() const { return *layouts_; }
     quelora::conference& conference() { return *conference_; }
     // Null when none was built (no or a bad configuration, the client
-    // flavour; Part 2.1 step 5).
+    // flavour).
     quelora::events::qel_websocket_server* websocket_server() { return websocket_server_.get(); }
 
 private:

@@ -1,4 +1,4 @@
-// The process-wide logger (spec Part 1.3).
+// The process-wide logger.
 #include <quelora/qel_logger.h>
 
 #include "api/format_message.h"
@@ -40,8 +40,8 @@ qel_logger::qel_logger() : handler_(&default_handler()) {}
 qel_logger::~qel_logger() = default;
 
 qel_logger& qel_logger::get_logger() {
-    // Spec Part 1.3: created on first use and held by a process-wide shared
-    // owner until the process ends (never destroyed before static handlers).
+    // Created on first use and held by a process-wide shared owner until the
+    // process ends (never destroyed before static handlers).
     static const std::shared_ptr<qel_logger> instance(new qel_logger());
     return *instance;
 }

@@ -1,5 +1,5 @@
-// The library's one failure type (spec Part 1.2): a code and a formatted
-// message, logged once when constructed, at the thrower's level.
+// The library's one failure type: a code and a formatted message, logged
+// once when constructed, at the thrower's level.
 #pragma once
 
 #include <quelora/quelora.h>

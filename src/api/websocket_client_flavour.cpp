@@ -1,6 +1,7 @@
-// The client flavour (spec Part 6.1, "platforms without a websocket
-// transport"): no server ever exists, initialisation says so whatever path
-// it is given, and both websocket exports keep the body of Part 1.1.
+// The client flavour, for builds without Boost or OpenSSL
+// (QUELORA_WEBSOCKETS=OFF): no server ever exists, initialisation says so
+// whatever path it is given, and both websocket exports refuse with
+// QEL_ERROR_INVALID_CONTROL.
 #include "api/quelora_exception.h"
 #include "api/websocket_flavour.h"
 

@@ -1,4 +1,4 @@
-// What both flavours of Part 6.1 say when a library has no websocket server.
+// What both flavours say when a library has no websocket server.
 #include "api/websocket_flavour.h"
 
 #include <quelora/qel_logger.h>

@@ -1,9 +1,9 @@
-// The flavour-dependent part of the library object (spec Parts 1.1, 2.1
-// step 5, 6.1; CMake option QUELORA_WEBSOCKETS). The server flavour
-// (websocket_server_flavour.cpp) builds the websocket server at
-// initialisation and publishes through it; the client flavour
-// (websocket_client_flavour.cpp) never has one and keeps Part 1.1's "not
-// available" body. Exactly one of the two is linked into a library.
+// The flavour-dependent part of the library object (CMake option
+// QUELORA_WEBSOCKETS). The server flavour (websocket_server_flavour.cpp)
+// builds the websocket server at initialisation and publishes through it;
+// the client flavour (websocket_client_flavour.cpp) never has one and
+// answers both websocket exports with "not available". Exactly one of the
+// two is linked into a library.
 #pragma once
 
 #include "config/room_layout_loading.h"
@@ -22,19 +22,20 @@ struct websocket_server_deleter {
 };
 using websocket_server_ptr = std::unique_ptr<events::qel_websocket_server, websocket_server_deleter>;
 
-// Part 2.1 step 5's line for a library without a server: level 4 with a
+// The initialisation's line for a library without a server: level 4 with a
 // final full stop in the strict path, level 3 without one from memory.
 // Shared by both flavours (websocket_flavour.cpp).
 void log_no_websocket_server(layout_loading mode);
 
-// Part 2.1 step 5 of either initialisation path. A server that is built is
-// registered as an event sink of the conference, which must outlive its
-// notifications. Throws (strict path only) what the construction throws.
+// Builds the websocket server, if any, in either initialisation path. A
+// server that is built is registered as an event sink of the conference,
+// which must outlive its notifications. Throws (strict path only) what the
+// construction throws.
 websocket_server_ptr construct_websocket_server(const char* configuration_path,
                                                 layout_loading mode, conference& conference);
 
-// The bodies of qel_enable_websockets and qel_send_custom_websocket_event
-// (interface.md); server may be null. Throw quelora_exception.
+// The bodies of qel_enable_websockets and qel_send_custom_websocket_event;
+// server may be null. Throw quelora_exception.
 void enable_websockets(events::qel_websocket_server* server);
 void send_custom_websocket_event(events::qel_websocket_server* server, const char* json_text);
 

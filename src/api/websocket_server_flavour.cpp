@@ -1,6 +1,6 @@
-// The server flavour (spec Parts 2.1 step 5, 6.1; interface.md): the
-// websocket server is read from its configuration file at initialisation,
-// registered as an event sink, and listens from qel_enable_websockets on.
+// The server flavour: the websocket server is read from its configuration
+// file at initialisation, registered as an event sink, and listens from
+// qel_enable_websockets on.
 #include "api/export_guard.h"
 #include "api/quelora_exception.h"
 #include "api/websocket_flavour.h"
@@ -35,11 +35,12 @@ websocket_server_ptr construct_websocket_server(const char* configuration_path,
             log_no_websocket_server(mode);
             return server;
         }
-        // A bad configuration fails the initialisation (Part 2.1 step 5).
+        // The host named a configuration: one that cannot be used fails the
+        // initialisation, as a bad room layout file does.
         server.reset(new events::qel_websocket_server(configuration_path, conference));
     } else {
-        // Always constructed, null path included; any failure leaves the
-        // library without a server (Part 2.1, from_memory).
+        // Always constructed, null path included (which logs its own level-3
+        // line); any failure leaves the library without a server.
         try {
             server.reset(new events::qel_websocket_server(configuration_path, conference));
         } catch (const std::exception&) {

@@ -9,8 +9,8 @@ namespace quelora {
 
 namespace {
 
-// Part 4.1 step 6: the weight of the processed signal, (mix / 100)^0.602 in
-// double precision.
+// The noise-cancellation mix weights the processed signal by
+// (mix / 100)^0.602, computed in double precision.
 float processed_weight(int32_t anc_mix) {
     return static_cast<float>(std::pow(static_cast<double>(anc_mix) / 100.0, 0.602));
 }
@@ -58,8 +58,9 @@ void input_chain::cancel_noise(const control_values& controls, float& speech_val
     // canceller object for the selected path there is nothing to blend, and
     // the block passes unchanged (docs/status.md).
     if (!processed) return;
-    // Deliberately the start of the dry delay buffer in both paths (Part 4.1
-    // step 6): the aligned dry signal with ANC high on, stale or zero without.
+    // Deliberately the start of the dry delay buffer in both paths, not the
+    // speech model's copy at its end: the aligned dry signal with ANC high on,
+    // stale or zero without.
     const float w = processed_weight(controls.get(QEL_CONTROL_ANC_MIX));
     dsp::scale(work, w, n);
     dsp::multiply_add(dry, 1.0f - w, work, n);
@@ -85,7 +86,7 @@ void input_chain::process(const void* samples, sample_type type, const control_v
     const bool mono_processing = channels_ == 2 && (anc || agc || auto_eq || mixing_3d);
 
     if (mono_processing) {
-        // Step 4: 0.5 x (L + R) into the first channel, at the input rate.
+        // Downmix: 0.5 x (L + R) into the first channel, at the input rate.
         for (int32_t i = 0; i < input_frames_; ++i) work[i] = 0.5f * (work[i] + work[n + i]);
     }
     if (resampler_) {
@@ -104,11 +105,11 @@ void input_chain::process(const void* samples, sample_type type, const control_v
         stages_.auto_eq->process(work, work, speech_value, processing_rate / hop);
     }
     if (agc && stages_.gain_control) stages_.gain_control->process(work, speech_value);
-    // Step 9 follows the stages that ran; a stage that is absent did not run.
+    // Shaping follows the levelling stages that ran; an absent stage did not run.
     const bool levelled = (agc && stages_.gain_control) || (auto_eq && stages_.auto_eq);
     if (levelled && stages_.shaping) stages_.shaping->process(work);
     if (mono_processing) {
-        // Step 10: both channels carry the processed mono signal.
+        // Upmix: both channels carry the processed mono signal.
         dsp::copy(work, work + n, n);
     }
 }

@@ -1,7 +1,7 @@
-// A participant's input side (spec Part 4.1 "Processing chain"): converts
-// one host block into the planar float work buffer, brings it to 48000 Hz
-// and runs the stages the participant's controls select, leaving the
-// processed block in work_buffer() for submission to the listeners.
+// A participant's input side: converts one host block into the planar float
+// work buffer, brings it to 48000 Hz and runs the stages the participant's
+// controls select, leaving the processed block in work_buffer() for submission
+// to the listeners.
 //
 // Everything is allocated in the constructor. process() allocates nothing
 // and must be called under the participant's input mutex (the caller's).
@@ -19,8 +19,8 @@
 
 namespace quelora {
 
-// The stage objects of Part 4.1 whose implementations come with later Parts;
-// any of them may be null, and a null stage is skipped.
+// The chain's stage objects; any of them may be null (not built yet,
+// docs/status.md), and a null stage is skipped.
 struct input_stage_set {
     std::unique_ptr<speech_model> speech;
     std::unique_ptr<noise_canceller_stage> noise_canceller;
@@ -40,7 +40,8 @@ public:
     input_chain(int32_t input_rate, int32_t channels, int32_t input_frames,
                 int32_t processing_frames, bool interleaved, input_stage_set stages);
 
-    // Part 4.1 processing chain steps 1-10 on one host block. Throws
+    // The whole chain on one host block: conversion, stereo downmix,
+    // resampling, the selected stages, stereo upmix. Throws
     // quelora_exception (QEL_ERROR_DATA_NULL) for a null block before
     // touching any state.
     void process(const void* samples, sample_type type, const control_values& controls);

@@ -1,7 +1,6 @@
-// The calling contracts of the input chain's later stages (spec Part 4.1
-// Interfaces): the speech model (Part 5.3), the high-quality noise canceller
-// (Part 5.2), automatic gain control (Part 4.5), auto EQ and the final
-// shaping stage. The input chain calls them through these interfaces; a
+// The calling contracts of the input chain's later stages: the speech model,
+// the high-quality noise canceller, automatic gain control, auto EQ and the
+// final shaping stage. The input chain calls them through these interfaces; a
 // participant holds a stage only once its implementation exists, and an
 // absent stage is skipped (docs/status.md lists which are absent).
 // Every process call runs on the participant's input thread under its input
@@ -12,7 +11,7 @@
 
 namespace quelora {
 
-// voice_activity_detector_process of Part 5.3: processes `frames` samples of
+// The speech model (voice activity detector): processes `frames` samples of
 // the first channel from input into output (they may be the same buffer);
 // when dry_copy is not null, first copies the unprocessed block there.
 // Returns the speech value of the block (largest over its hops).
@@ -25,7 +24,7 @@ public:
     virtual int32_t hop_length() const = 0;
 };
 
-// noise_canceller_process of Part 5.2: denoises one block (in place allowed)
+// The noise canceller of ANC high: denoises one block (in place allowed)
 // and writes the time-aligned dry signal to dry_output.
 class noise_canceller_stage {
 public:
@@ -33,14 +32,14 @@ public:
     virtual void process(const float* input, float* output, float* dry_output) = 0;
 };
 
-// Part 4.5: levels the first channel of the block in place.
+// Automatic gain control: levels the first channel of the block in place.
 class gain_control_stage {
 public:
     virtual ~gain_control_stage() = default;
     virtual void process(float* block, float speech_value) = 0;
 };
 
-// Part 4.1 "Left to the implementer": a 48000 Hz equaliser on the first channel.
+// Auto EQ: a 48000 Hz equaliser on the first channel.
 class auto_eq_stage {
 public:
     virtual ~auto_eq_stage() = default;
@@ -48,7 +47,7 @@ public:
                          int32_t hops_per_second) = 0;
 };
 
-// Part 4.1 step 9: in-place shaping of the first channel after AGC / auto EQ.
+// Final shaping: in-place shaping of the first channel after AGC / auto EQ.
 class shaping_stage {
 public:
     virtual ~shaping_stage() = default;

@@ -80,7 +80,7 @@ std::unique_ptr<listener_engine::queue_node> listener_engine::take_node(source_s
         slot.free_nodes = std::move(node->next);
         return node;
     }
-    // The one allocation per block that Part 4.2 names: a queue node, made
+    // The one allocation a block can cost: a queue node, made
     // only while the slot's queue is deeper than it has been before.
     auto node = std::make_unique<queue_node>();
     node->data = std::make_unique<float[]>(static_cast<size_t>(slot.channels) *
@@ -125,7 +125,7 @@ void listener_engine::mix_plainly(const source_slot& slot, float* destination) c
     float* mix_left = destination;
     float* mix_right = destination + frames_;
     if (slot.channels == 1) {
-        // Part 4.2 mix step 4: the mono block times 1/sqrt(2) into both ears.
+        // The mono block times 1/sqrt(2) into both ears.
         dsp::multiply_add_twice(left, mono_to_stereo_gain, mix_left, mix_right, frames_);
     } else {
         dsp::add(left, mix_left, frames_);
@@ -145,8 +145,8 @@ int32_t listener_engine::mix(float* destination, const control_values& listener)
     bool present = false;
     for (source_slot& slot : slots_) {
         slot.received = false;
-        // Part 4.2's has-new flag is "the queue holds a full block": every
-        // queued node is full, so a non-empty queue is that flag.
+        // A source has a new block when its queue holds a full one: every
+        // queued node is full, so a non-empty queue says it.
         if (!pop(slot)) continue;
         slot.received = true;
         present = true;
@@ -188,8 +188,9 @@ void listener_engine::store_direction(int32_t source_id, int32_t azimuth, int32_
     if (slot == nullptr) {
         return;
     }
-    // One lock for the three fields: the spec's per-field lock-unlock is not
-    // observable here, since writers hold the room's participants lock exclusively.
+    // One lock for the three fields rather than one per field: the difference
+    // is not observable, since writers hold the room's participants lock
+    // exclusively.
     source_direction& d = slot->direction;
     d.azimuth = azimuth;
     d.elevation = elevation;

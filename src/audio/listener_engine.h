@@ -1,13 +1,13 @@
-// A listening participant's engine (spec Part 4.2): one source slot per other
+// A listening participant's engine: one source slot per other
 // participant of the room, each with a first-in-first-out queue of blocks
 // that the sources' input calls submit and this listener's output call pops,
-// plus what Part 3.3 writes into each slot (direction and distance).
+// plus each source's stored direction and distance.
 //
 // Threads: every member takes the engine mutex. Submissions come from other
 // participants' input threads, mixes from the listener's output thread, slot
 // changes and flushes from control threads; the engine mutex is the last lock
-// in the order of Part 3.1 and nothing is called under it except the
-// renderer.
+// in the lock order (docs/design.md, "Locks") and nothing is called under it
+// except the renderer.
 //
 // Memory: a slot's buffers are allocated when the slot is added. Queue nodes
 // are allocated on submission when the slot has no recycled node; popped and
@@ -27,7 +27,7 @@
 
 namespace quelora {
 
-// What Part 3.3 stores for one source, as the renderer of Part 4.3 reads it.
+// The stored direction of one source, as the spatial renderer reads it.
 struct source_direction {
     int32_t azimuth = 0;
     int32_t elevation = 0;
@@ -37,9 +37,9 @@ struct source_direction {
 };
 
 inline constexpr int32_t near_distance_limit = 300;
-// Part 4.2 mix step 4: a mono source reaches each ear at 1/sqrt(2).
+// A mono source reaches each ear at 1/sqrt(2) (equal power).
 inline constexpr float mono_to_stereo_gain = 0.70710677f;
-// Part 4.2 mix step 6: the rendered mix is lifted by 1.07.
+// The rendered mix is lifted by 1.07, deliberately.
 inline constexpr float rendered_mix_gain = 1.07f;
 
 class listener_engine {
@@ -53,35 +53,35 @@ public:
 
     int32_t frames() const { return frames_; }
 
-    // A slot for a new source (Part 3.2 step 6); channels is its input channel count.
+    // A slot for a new source; channels is its input channel count.
     void add_source(int32_t source_id, int32_t channels);
-    // Drops the slot of a source that left the room (Part 3.2 remove) with its
-    // queue. The spec defers the destruction to the next mix; removal runs
-    // under the room's exclusive lock, so no mix can observe the difference.
+    // Drops the slot of a source that left the room with its queue, at once
+    // rather than at the next mix: removal runs under the room's exclusive
+    // lock, so no mix can observe the difference.
     void remove_source(int32_t source_id);
-    // qel_flush_data (Part 1.1): discards the blocks queued from one source /
+    // qel_flush_data: discards the blocks queued from one source /
     // from every source, and the renderer's carried state on a full flush.
     // flush_source returns whether the slot exists.
     bool flush_source(int32_t source_id);
     void flush();
 
-    // Part 4.2 submit: queues source channels x N samples of `block`
+    // Queues source channels x N samples of `block`
     // (planar, channel stride N), scaled by gain unless it is exactly 1.0.
     // Returns false and does nothing when no slot holds that source.
     bool submit(int32_t source_id, const float* block, float gain);
 
-    // Part 4.2 mix into `destination` (planar stereo, 2 x N). Pops one block
+    // Mixes into `destination` (planar stereo, 2 x N). Pops one block
     // per source that has one; returns N when at least one source
     // contributed, else 0 (the destination is then zeros).
     int32_t mix(float* destination, const control_values& listener);
 
-    // The Part 4.3 renderer used when 3D mixing is on; none is attached until
+    // The spatial renderer used when 3D mixing is on; none is attached until
     // the filter bank exists (docs/status.md), and without one the engine
     // mixes plainly.
     void attach_renderer(std::unique_ptr<spatial_renderer> renderer);
     bool has_renderer() const;
 
-    // Part 3.3 "Storing the result": azimuth and elevation as given; a
+    // Stores a source's direction: azimuth and elevation as given; a
     // distance below 300 is near, beyond it near 300 plus far; a negative
     // distance leaves the distance fields as they were. No slot: nothing.
     void store_direction(int32_t source_id, int32_t azimuth, int32_t elevation, int32_t distance);
@@ -107,9 +107,9 @@ private:
         queue_node* tail = nullptr;
         int32_t queued = 0;
         std::unique_ptr<queue_node> free_nodes;
-        // The block popped by the last mix (Part 4.2's left and right
-        // buffers): the node itself is held here until the next mix recycles
-        // it, so a pop copies nothing.
+        // The block popped by the last mix, which the renderer reads as its
+        // left and right: the node itself is held here until the next mix
+        // recycles it, so a pop copies nothing.
         std::unique_ptr<queue_node> popped;
     };
 
@@ -124,7 +124,7 @@ private:
     void render(float* destination, const control_values& listener);
 
     int32_t frames_;
-    mutable std::mutex mutex_; // the engine mutex of Part 4.2
+    mutable std::mutex mutex_; // the engine mutex
     std::vector<source_slot> slots_;
     std::unique_ptr<spatial_renderer> renderer_;
     std::vector<rendered_source> render_view_; // one per slot, refilled per mix

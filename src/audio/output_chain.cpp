@@ -55,8 +55,9 @@ bool output_chain::process(listener_engine& engine, const control_values& contro
         limiter_.process(mix, mix + n, n);
         const float gain = static_cast<float>(controls.get(QEL_CONTROL_MASTER_GAIN)) / 100.0f;
         if (gain != 1.0f) {
-            // Deliberately 2 x output frames, not 2 x N (Part 4.2 step 6): below
-            // 48000 Hz output only the start of the mix is scaled.
+            // Deliberately 2 x output frames, not 2 x N: kept because hosts
+            // tuned their levels against it. Below 48000 Hz output only the
+            // start of the mix is scaled.
             dsp::scale(mix, gain, 2 * output_frames_);
         }
     }

@@ -1,7 +1,6 @@
-// A listening participant's output side (spec Part 4.2 "Output call", steps
-// 4-9): mixes its listener engine, runs the speaker stage, the peak limiter
-// and the master gain, reduces to the output channel count and rate, and
-// converts to the host's sample type.
+// A listening participant's output side: mixes its listener engine, runs the
+// speaker stage, the peak limiter and the master gain, reduces to the output
+// channel count and rate, and converts to the host's sample type.
 //
 // Everything is allocated in the constructor; process() allocates nothing
 // and must be called under the participant's output mutex (the caller's).
@@ -21,7 +20,8 @@
 
 namespace quelora {
 
-// Part 4.2 step 7: the mono output downmix, deliberately 1/sqrt(2) per channel.
+// The mono output downmix, deliberately 1/sqrt(2) per channel (the input
+// side's stereo downmix uses 0.5).
 inline constexpr float mono_downmix_gain = 0.70710677f;
 
 class output_chain {
@@ -30,12 +30,12 @@ public:
     output_chain(int32_t processing_frames, int32_t output_rate, int32_t output_frames,
                  int32_t output_channels, bool interleaved);
 
-    // Steps 4-9 of the output call. Returns false (the host block is then
-    // zeros) when no source had a block; the caller reports it.
+    // Mixes, processes and converts one host block. Returns false (the host
+    // block is then zeros) when no source had a block; the caller reports it.
     bool process(listener_engine& engine, const control_values& controls, sample_type type,
                  void* samples);
 
-    // The Part 4.2 loudspeaker stage; none is attached until its filter bank
+    // The loudspeaker (crosstalk) stage; none is attached until its filter bank
     // exists (docs/status.md), and QEL_DEVICE_SPEAKER then skips the stage.
     void attach_speaker_processor(std::unique_ptr<speaker_processor> processor);
 

@@ -1,8 +1,7 @@
-// The calling contracts of the output side's filter-driven stages: the
-// spatial renderer (Part 4.3) and the speaker processor (Part 4.2). Both need
-// the filter banks of Part 2.1 steps 8-9, which are not generated yet
-// (docs/status.md); the listener engine and the output chain call them through
-// these interfaces, and skip them while none is attached.
+// The calling contracts of the output side's filter-driven stages: the spatial
+// renderer and the speaker processor. Both need filter banks that are not
+// generated yet (docs/status.md); the listener engine and the output chain call
+// them through these interfaces, and skip them while none is attached.
 #pragma once
 
 #include "api/controls.h"
@@ -13,7 +12,7 @@ namespace quelora {
 
 struct source_direction;
 
-// What the renderer sees of one source slot in one mix (Part 4.3).
+// What the renderer sees of one source slot in one mix.
 struct rendered_source {
     int32_t source_id;
     int32_t channels;

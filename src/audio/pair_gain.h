@@ -1,5 +1,5 @@
-// The pair gain of spec Part 4.1 (shared with Part 4.2): how loud a source is
-// in one listener's queue, from the whisper and sidebar rooms of both.
+// The pair gain: how loud a source is in one listener's queue, from the whisper
+// and sidebar rooms of both.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ struct pair_rooms {
     int32_t sidebar_room = 0; // QEL_CONTROL_SIDEBAR_ROOM, 0: none
 };
 
-// Part 4.2's main-room speakers reach a whisper-room listener at a quarter of
-// their amplitude, deliberately.
+// Main-room speakers reach a whisper-room listener at a quarter of their
+// amplitude, deliberately: the main room stays audible behind the whisper.
 inline constexpr float whisper_listener_main_room_gain = 0.25f;
 
 float pair_gain(const pair_rooms& source, const pair_rooms& listener, bool listener_is_source_only);

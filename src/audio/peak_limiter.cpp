@@ -10,13 +10,15 @@ namespace quelora {
 
 namespace {
 
-// Part 4.2: L = (int)(0.2 / 1000 x 48000). The product is 9.6, far from an
-// integer, so float or double arithmetic both truncate to 9.
+// The look-ahead L = (int)(0.2 ms x 48 kHz), computed as 0.2 / 1000 x 48000.
+// The product is 9.6, far from an integer, so float or double arithmetic both
+// truncate to 9.
 constexpr int32_t look_ahead_length = static_cast<int32_t>(
     static_cast<double>(peak_limiter::attack_ms) / 1000.0 * peak_limiter::sampling_rate);
 static_assert(look_ahead_length == 9, "the look-ahead is 9 samples (0.2 ms at 48 kHz, truncated)");
 
-// Part 4.2: a NaN or infinite side-chain value counts as 9e+20.
+// A NaN or infinite side-chain value counts as 9e+20: finite, so the envelope
+// stays finite, and far above any real peak, so the gain drops to near zero.
 constexpr float non_finite_side_chain = 9e+20f;
 
 // |x|, or 9e+20 for NaN and +-Inf (a NaN fails the comparison).
@@ -40,7 +42,7 @@ void delay_and_gain(float* __restrict channel, float* __restrict line,
 
 peak_limiter::peak_limiter(int32_t max_frames)
     : max_frames_(std::max(max_frames, int32_t{1})),
-      // Part 4.2: dB to amplitude as exp(dB x 0.115129254758358) (= ln 10 / 20).
+      // dB to amplitude as exp(dB x 0.115129254758358) (= ln 10 / 20).
       threshold_(std::exp(static_cast<double>(threshold_db) * 0.115129254758358)),
       attack_(std::pow(0.01, 1000.0 / (sampling_rate * static_cast<double>(attack_ms)))),
       release_(std::pow(0.01, 1000.0 / (sampling_rate * static_cast<double>(release_ms)))),
@@ -110,7 +112,7 @@ void peak_limiter::process_chunk(float* left, float* right, int32_t frames) {
     envelope_ = env;
     hold_counter_ = counter;
 
-    // Part 4.2: output i = gain i x delayed sample i, in place.
+    // Output i = gain i x delayed sample i, in place.
     delay_and_gain(left, left_line_.data(), gain, frames);
     delay_and_gain(right, right_line_.data(), gain, frames);
 }

@@ -1,9 +1,9 @@
-// The listener's stereo peak limiter of spec Part 4.2: threshold -0.2 dB,
+// The listener's stereo peak limiter: threshold -0.2 dB,
 // attack 0.2 ms, release 10 ms at 48000 Hz, a look-ahead and hold of 9
 // samples. A NaN or infinite side-chain value counts as 9e+20, so the
 // envelope stays finite and later blocks are clean: the 9 samples before a
 // bad one come out near silent, the bad sample itself passes once (gain x NaN
-// is NaN, as the spec's "output = gain x delayed sample" says), and the gain
+// is NaN: the output is always gain x delayed sample), and the gain
 // releases back to 1 over about 140 ms. Allocation-free after construction;
 // not thread-safe.
 #pragma once

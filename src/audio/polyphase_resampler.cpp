@@ -13,7 +13,7 @@ namespace quelora {
 
 namespace {
 
-// Offsets of the state buffer (Part 4.1): positions [0, 256) hold the last
+// Offsets of the state buffer: positions [0, 256) hold the last
 // 2 x 128 input samples, the new block follows, 2 spare floats end it.
 constexpr int32_t history_length = 2 * polyphase_resampler::history;
 constexpr int32_t spare_floats = 2;
@@ -48,8 +48,8 @@ double sinc(double x) {
 // One block of output samples. On x86-64 the loader picks an AVX2 clone on
 // processors that have it (one 8-lane register holds the eight partial sums,
 // so both clones add in the same order and give the same bits) and the
-// baseline SSE2 one elsewhere: the processor dispatch of the Overview,
-// done by the toolchain.
+// baseline SSE2 one elsewhere: processor dispatch done by the toolchain
+// (dsp/processor_dispatch.h does it by hand for the rest of the library).
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
 #define QUELORA_NO_TARGET_CLONES 1 // TSan crashes in the ifunc resolver, run before its set-up
@@ -104,8 +104,8 @@ polyphase_resampler::polyphase_resampler(int32_t input_rate, int32_t output_rate
 }
 
 void polyphase_resampler::design_filters() {
-    // Computed in double and rounded once to float: the counterpart of the
-    // vendor library's "accurate" hint in Part 4.1.
+    // Computed in double and rounded once to float, so each tap is the
+    // closest float to its exact value.
     const double cut_off = static_cast<double>(roll_off) *
                            static_cast<double>(std::min(input_rate_, output_rate_)) / 2.0;
     const double bandwidth = 2.0 * cut_off / static_cast<double>(input_rate_);

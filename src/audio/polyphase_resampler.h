@@ -1,5 +1,5 @@
-// The fixed-ratio polyphase resampler of spec Parts 4.1 and 4.2 (Overview:
-// filter length 254, roll-off 0.95, Kaiser beta 9.0, history 128, output
+// The fixed-ratio polyphase resampler of the input and output sides (filter
+// length 254, roll-off 0.95, Kaiser beta 9.0, history 128, output
 // normalisation 0.98). Everything is allocated at construction; process()
 // never allocates. Not thread-safe. docs/resampler.md has the measurements.
 //
@@ -68,7 +68,7 @@ private:
     int32_t output_frames_;
     int32_t interpolation_;             // L = output_rate / gcd
     int32_t decimation_;                // M = input_rate / gcd
-    int32_t state_length_;              // input_frames + 258 floats per channel (Part 4.1)
+    int32_t state_length_;              // input_frames + 258 floats per channel
     std::vector<float> taps_;           // L phases x taps_stride, phase p at fraction p / L
     std::vector<float> state_;          // channels x state_length_: 2 x 128 history, block, 2 spare
     std::vector<int32_t> output_start_; // per output sample: first state index it reads

@@ -6,10 +6,10 @@ namespace quelora {
 
 namespace {
 
-// Part 4.1 step 2: interleaved stereo shorts are scaled by this rounded
-// literal, deliberately not 2^-15 (-32768 comes in as -1.0000138).
+// Interleaved stereo shorts are scaled by this rounded literal,
+// deliberately not 2^-15 (-32768 comes in as -1.0000138).
 constexpr float interleaved_short_scale = 3.0518e-05f;
-// Part 4.1 step 2: every other short block is scaled by exactly 2^-15.
+// Every other short block is scaled by exactly 2^-15.
 constexpr float planar_short_scale = 1.0f / 32768.0f;
 static_assert(interleaved_short_scale != planar_short_scale);
 
@@ -19,7 +19,7 @@ inline float to_float(int16_t value, float short_scale) {
 inline float to_float(float value, float) { return value; }
 inline float to_float(double value, float) { return static_cast<float>(value); }
 
-// Part 4.2 step 9, interleaved stereo: (int16) of the (int32) truncation of
+// Output, interleaved stereo: (int16) of the (int32) truncation of
 // x x 32768, no saturation, so 1.0 wraps to -32768. The (int32) step is
 // given the result x86's truncating conversion gives, the only one that
 // is defined for every float: NaN, +-Inf and values outside the int32 range
@@ -33,12 +33,12 @@ inline int16_t wrapped_short(float x) {
     return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(truncated)));
 }
 
-// Part 4.2 step 9, every other block: x x 2^15 rounded to nearest (ties to
-// even, as the vendor library's round-to-nearest does) and saturated to the
-// 16-bit range; NaN becomes 0. Branch-free so the loop vectorises: adding
-// and removing 1.5 x 2^23 leaves the integer nearest to |y| <= 2^15 under
-// the default rounding mode, which every audio call sets for its length
-// (dsp::denormal_guard), whatever mode the host's thread uses.
+// Output, every other block: x x 2^15 rounded to nearest (ties to even, the
+// processor's default rounding) and saturated to the 16-bit range; NaN becomes
+// 0. Branch-free so the loop vectorises: adding and removing 1.5 x 2^23 leaves
+// the integer nearest to |y| <= 2^15 under the default rounding mode, which
+// every audio call sets for its length (dsp::denormal_guard), whatever mode the
+// host's thread uses.
 inline int16_t saturated_short(float x) {
     float y = x * 32768.0f;
     y = y == y ? y : 0.0f;

@@ -1,15 +1,15 @@
-// Conversions between the host's sample formats and the engine's planar
-// float blocks (spec Parts 4.1 step 2 and 4.2 step 9), including the
-// deliberate quirks: interleaved shorts come in scaled by the rounded literal
-// 3.0518e-05 and go out truncated and wrapped (1.0 becomes -32768); planar
-// shorts come in scaled by exactly 2^-15 and go out rounded and saturated.
+// Conversions between the host's sample formats and the engine's planar float
+// blocks, including the deliberate quirks: interleaved shorts come in scaled by
+// the rounded literal 3.0518e-05 and go out truncated and wrapped (1.0 becomes
+// -32768); planar shorts come in scaled by exactly 2^-15 and go out rounded and
+// saturated.
 #pragma once
 
 #include <cstdint>
 
 namespace quelora {
 
-// The spec's sample type numbers (Part 4.1): 0 short, 1 float, 2 double.
+// The library's sample type numbers: 0 short, 1 float, 2 double.
 enum class sample_type : int32_t { int16 = 0, float32 = 1, float64 = 2 };
 
 // Host block -> planar floats. `frames` frames of `channels` channels.

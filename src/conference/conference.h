@@ -1,7 +1,7 @@
-// The conference model of one library (spec Parts 3.1 to 3.5): the room map
-// under the library's reader/writer lock, and the notification and success
-// log line that follow every change. Operations throw quelora_exception; the
-// library object turns it into a code.
+// The conference model of one library: the room map under the library's
+// reader/writer lock, and the notification and success log line that follow
+// every change. Operations throw quelora_exception; the library object turns
+// it into a code.
 #pragma once
 
 #include "conference/event_notifier.h"
@@ -30,7 +30,7 @@ public:
     conference& operator=(const conference&) = delete;
 
     void add_event_manager(const qel_event_manager_t* table) { events_.add(table); }
-    // Library-internal sinks (the websocket server, Part 6.1); not owned.
+    // Library-internal sinks (the websocket server); not owned.
     // Like tables, registered before other threads use the library.
     void add_event_sink(event_sink* sink) { events_.add(sink); }
 
@@ -49,7 +49,7 @@ public:
     void add_participant(int32_t room_id, int32_t participant_id, const char* name,
                          const qel_participant_configuration& configuration);
     void remove_participant(int32_t room_id, int32_t participant_id);
-    // Writes 0 and rethrows when the room does not exist (Part 3.2).
+    // Throws when the room does not exist (the export has written 0 before).
     int32_t participant_count(int32_t room_id) const;
     qel_participant_configuration participant_configuration(int32_t room_id,
                                                             int32_t participant_id) const;
@@ -61,7 +61,7 @@ public:
     // ---- audio (conference_audio.cpp), under the library lock held shared
     void input_audio(int32_t room_id, int32_t participant_id, const void* samples,
                      int32_t frames, sample_type type) const;
-    // false: no source had a block (QEL_ERROR_NO_INPUT_AUDIO, Part 4.2).
+    // false: no source had a block (QEL_ERROR_NO_INPUT_AUDIO).
     bool output_audio(int32_t room_id, int32_t participant_id, void* samples,
                       sample_type type) const;
 
@@ -80,13 +80,14 @@ public:
     int32_t participant_state(int32_t room_id, int32_t participant_id, int32_t control) const;
 
 private:
-    // Room lookup of Part 3.1; call with the library lock held.
+    // Room lookup (QEL_ERROR_INVALID_ROOM_ID when absent); call with the
+    // library lock held.
     room& find_room(int32_t room_id) const;
 
     const room_layout_set& layouts_;
     const qel_library_configuration& audio_configuration_;
-    // Writer-preferring, as the spec's SRW lock: room creation, destruction
-    // and layout changes are not starved by back-to-back audio calls.
+    // Writer-preferring, so that room creation, destruction and layout
+    // changes are not starved by back-to-back audio calls.
     mutable writer_preferring_mutex library_lock_;
     std::unordered_map<int32_t, std::unique_ptr<room>> rooms_;
     event_notifier events_;

@@ -1,6 +1,6 @@
-// The audio calls of the library object (spec Parts 4.1, 4.2): the library
-// lock is held shared for the whole call, so rooms and participants stay put
-// while any number of audio calls run in parallel.
+// The audio calls of the library object: the library lock is held shared for
+// the whole call, so rooms and participants stay put while any number of
+// audio calls run in parallel.
 #include "conference/conference.h"
 
 #include "dsp/denormal_guard.h"

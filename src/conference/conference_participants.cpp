@@ -1,4 +1,4 @@
-// Participant operations (spec Part 3.2).
+// Participant operations.
 #include "conference/conference.h"
 
 #include <quelora/qel_logger.h>

@@ -1,4 +1,4 @@
-// Seats, positions and control values (spec Parts 3.3, 3.4).
+// Seats, positions and control values.
 #include "conference/conference.h"
 
 #include "api/quelora_exception.h"
@@ -15,7 +15,8 @@ void conference::set_participant_seat(int32_t room_id, int32_t participant_id, i
     const place now = find_room(room_id).set_seat(participant_id, seat_index);
     const qel_seat seat = to_seat_record(now);
     events_.notify([&](event_sink& sink) { sink.move_participant_event(room_id, participant_id, &seat); });
-    // Deliberately the requested index, not the stacked one (Part 3.3 step 5).
+    // Deliberately the requested index, not the stacked one (the notification
+    // carries the stacked place).
     qel_logger::get_logger().log(QEL_LOG_INFO, "Participant %i in room %i has moved to seat %i",
                                  participant_id, room_id, seat_index);
 }
@@ -27,8 +28,9 @@ place conference::participant_place(int32_t room_id, int32_t participant_id) con
 
 void conference::set_participant_position(int32_t room_id, int32_t participant_id,
                                           const qel_position& position, const qel_heading& heading) {
-    // Heading first, before any lookup (Part 3.3): azimuth + 180 and
-    // elevation + 90 tested as unsigned, so one test covers both bounds.
+    // Heading first, before any lookup, so a bad heading is refused even for
+    // an unknown room: azimuth + 180 and elevation + 90 tested as unsigned, so
+    // one test covers both bounds.
     if (static_cast<uint32_t>(static_cast<int64_t>(heading.azimuth) + 180) > 360u ||
         static_cast<uint32_t>(static_cast<int64_t>(heading.elevation) + 90) > 180u) {
         throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_HEADING,

@@ -1,5 +1,5 @@
-// Room registry operations (spec Part 3.1). Callbacks and the success line
-// run after the room's locks are released, with the library lock still held.
+// Room registry operations. Callbacks and the success line run after the
+// room's locks are released, with the library lock still held.
 #include "conference/conference.h"
 
 #include "api/quelora_exception.h"
@@ -46,7 +46,7 @@ void conference::create_room(int32_t room_id) {
 void conference::destroy_room(int32_t room_id) {
     std::unique_lock library(library_lock_);
     room& doomed = find_room(room_id);
-    doomed.tear_down(); // no participant callbacks or lines (Part 3.1)
+    doomed.tear_down(); // no per-participant callbacks or lines, only destroy_room
     rooms_.erase(room_id);
     events_.notify([&](event_sink& sink) { sink.destroy_room(room_id); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "Room %i was destroyed", room_id);

@@ -1,5 +1,5 @@
-// A host's qel_event_manager_t as an event sink (spec Part 3.5): each
-// operation calls its slot when the host filled it in.
+// A host's qel_event_manager_t as an event sink: each operation calls its
+// slot when the host filled it in.
 #include "conference/event_notifier.h"
 
 namespace quelora {

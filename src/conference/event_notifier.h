@@ -1,6 +1,5 @@
-// The library's event sinks (spec Part 3.5): the host's C tables and the
-// websocket server of Part 6.1, called in registration order. A null slot of
-// a C table is skipped. A quelora_exception raised by a sink propagates and
+// The library's event sinks: the host's C tables and the websocket server,
+// called in registration order. A null slot of a C table is skipped. A quelora_exception raised by a sink propagates and
 // ends the notifying operation with its code.
 #pragma once
 
@@ -19,7 +18,7 @@ public:
     // Neither is owned (the host keeps its table alive until
     // qel_destroy_library; the library object owns the websocket server).
     // No lock: sinks are registered before other threads use the library
-    // (Part 3.5); notifications only read the list.
+    // (quelora.h asks this of hosts); notifications only read the list.
     void add(const qel_event_manager_t* table);
     void add(event_sink* sink) { sinks_.push_back(sink); }
 
@@ -31,8 +30,8 @@ public:
 
 private:
     std::vector<event_sink*> sinks_;
-    // The adapters that make the host's C tables sinks (owned here, as the
-    // list of registered tables is, Part 1.1 teardown).
+    // The adapters that make the host's C tables sinks (owned here, so they
+    // go with the conference at teardown).
     std::vector<std::unique_ptr<event_sink>> table_adapters_;
 };
 

@@ -1,8 +1,8 @@
-// An event sink of the library (spec Parts 3.5 and 6.1): the ten
-// notifications of qel_event_manager_t as virtual operations, in slot order.
-// The notifier wraps each host C table in one; the websocket server of Part
-// 6.1 is one itself. Sinks run on the notifying thread with the library lock
-// held (Part 3.5), so they must not call operations that take it.
+// An event sink of the library: the ten notifications of qel_event_manager_t
+// as virtual operations, in slot order. The notifier wraps each host C table
+// in one; the websocket server is one itself. Sinks run on the notifying
+// thread with the library lock held, so they must not call operations that
+// take it.
 #pragma once
 
 #include "api/controls.h"
@@ -37,7 +37,7 @@ public:
 };
 
 // What an "add_participant" message reports beyond the notification's own
-// arguments (Part 6.1): the seat record and the sixteen control values,
+// arguments: the seat record and the sixteen control values,
 // controls[0] holding control 1.
 struct participant_snapshot {
     qel_seat seat{};

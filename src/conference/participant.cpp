@@ -9,8 +9,8 @@ int32_t required_input_frames(int32_t output_frames, int32_t input_rate, int32_t
     // The rate ratio is formed in single precision and the product taken
     // exactly (in double): under this order a 44100 Hz input to a 48000 Hz
     // library yields 440 frames (0.91875 rounds down in float) and fails the
-    // ratio test, as Part 3.2 requires, while 8000..48000 Hz inputs give
-    // their exact frame counts (docs/design.md).
+    // ratio test, as it is meant to, while 8000..48000 Hz inputs give their
+    // exact frame counts (docs/design.md).
     const float ratio = static_cast<float>(input_rate) / static_cast<float>(output_rate);
     const double frames = static_cast<double>(output_frames) * static_cast<double>(ratio);
     if (!(frames > -2.0e9 && frames < 2.0e9)) return -1;
@@ -19,8 +19,8 @@ int32_t required_input_frames(int32_t output_frames, int32_t input_rate, int32_t
 
 namespace {
 
-// Part 3.2 step 3d: the frame test of Part 2.1 applied to the input rate and
-// the frames a call at that rate carries.
+// The library configuration's frame test applied to the input rate and the
+// frames a call at that rate carries.
 bool is_integer_ratio(int32_t input_rate, const qel_library_configuration& audio) {
     if (input_rate <= 0) return false;
     const int32_t frames =

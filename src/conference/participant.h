@@ -1,4 +1,4 @@
-// One talker and/or listener of a room (spec Part 3.2).
+// One talker and/or listener of a room.
 #pragma once
 
 #include "audio/input_chain.h"
@@ -21,8 +21,9 @@ int32_t required_input_frames(int32_t output_frames, int32_t input_rate, int32_t
 
 class participant {
 public:
-    // Validates the configuration in the order of Part 3.2 step 3 and builds
-    // the sides its type needs; throws quelora_exception on the first failure.
+    // Validates the configuration in a fixed order (channels, type, rate
+    // ratio, rate limit) and builds the sides its type needs; throws
+    // quelora_exception on the first failure.
     participant(int32_t id, std::string name, const qel_participant_configuration& configuration,
                 const qel_library_configuration& audio_configuration,
                 size_t expected_room_size);
@@ -35,7 +36,7 @@ public:
         return configuration_.participant_type == QEL_PARTICIPANT_LISTENER_ONLY;
     }
     // Input side with an input resampler: heard participants whose input rate
-    // is not 48000 (Part 3.2 step 3f). Part 3.4's auto EQ rule reads this.
+    // is not 48000. The auto EQ refusal (room_state.cpp) reads this.
     bool has_input_resampler() const {
         return !is_listener_only() && configuration_.input_sampling_rate != processing_rate;
     }
@@ -49,11 +50,11 @@ public:
     listener_engine* listener() { return listener_.get(); }
     const listener_engine* listener() const { return listener_.get(); }
 
-    // Part 4.1 input side; null for listener-only participants. Use under
+    // Input side; null for listener-only participants. Use under
     // input_mutex().
     input_chain* input() { return input_.get(); }
     std::mutex& input_mutex() { return input_mutex_; }
-    // Part 4.2 output side; null for source-only participants. Use under
+    // Output side; null for source-only participants. Use under
     // output_mutex().
     output_chain* output() { return output_.get(); }
     std::mutex& output_mutex() { return output_mutex_; }
@@ -66,8 +67,7 @@ private:
     int32_t processing_frames_ = 0;
     participant_identity identity_;
     std::unique_ptr<listener_engine> listener_;
-    // The spec's input and output mutexes are recursive; nothing here locks
-    // them twice, so plain mutexes serve (docs/design.md).
+    // Plain, not recursive, mutexes: nothing here locks one twice.
     std::mutex input_mutex_;
     std::unique_ptr<input_chain> input_;
     std::mutex output_mutex_;

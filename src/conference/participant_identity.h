@@ -1,6 +1,6 @@
-// A participant's identity record (spec Parts 3.2, 3.3, 3.4): name, place and
-// the sixteen control values, guarded by a mutex of its own so that audio
-// threads can read controls while the host sets them.
+// A participant's identity record: name, place and the sixteen control
+// values, guarded by a mutex of its own so that audio threads can read
+// controls while the host sets them.
 #pragma once
 
 #include "api/controls.h"
@@ -22,7 +22,7 @@ public:
     void set_place(const place& p);
     int32_t seat_index() const;
 
-    // Part 1.4 check and store / fetch, each under the mutex.
+    // Control check and store / fetch (control_values), each under the mutex.
     void set_control(int32_t control, int32_t value);
     int32_t get_control(int32_t control) const;
     // All sixteen values under one lock: what an audio call reads at its

@@ -9,7 +9,7 @@ namespace quelora {
 
 namespace {
 
-// Part 5.2's canceller behind Part 4.1's calling contract.
+// The DFN noise canceller behind the input chain's noise_canceller_stage.
 class dfn_stage final : public noise_canceller_stage {
 public:
     dfn_stage(int32_t channels, int32_t processing_frames)

@@ -1,6 +1,6 @@
-// Builds the stage objects of a participant's input chain (spec Part 3.2
-// step 3f, Part 4.1 "Data model"): the bridge between the audio path's stage
-// interfaces (audio/input_stages.h) and the implementations in denoise/.
+// Builds the stage objects of a participant's input chain: the bridge
+// between the audio path's stage interfaces (audio/input_stages.h) and the
+// implementations in denoise/.
 #pragma once
 
 #include "audio/input_chain.h"

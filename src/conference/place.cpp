@@ -1,4 +1,4 @@
-// Places, seat lookup and directions (spec Part 3.3).
+// Places, seat lookup and directions.
 #include "conference/place.h"
 
 #include <algorithm>
@@ -10,8 +10,9 @@ namespace quelora {
 
 namespace {
 
-// Part 3.3 fixes both the precision (single) and the value of pi, so the
-// integer results match the reference bit for bit; do not "improve" either.
+// Single precision and this value of pi, deliberately: the directions are
+// truncated to the integers hosts read back, so any change in rounding moves
+// some of them by one. Do not "improve" either.
 constexpr float pi_f = 3.1415927f;
 
 float to_degrees(float radians) { return radians * 180.0f / pi_f; }
@@ -23,9 +24,10 @@ float difference(int32_t to, int32_t from) {
     return static_cast<float>(static_cast<int64_t>(to) - static_cast<int64_t>(from));
 }
 
-// Step 10's truncation toward zero. A float outside the int32 range (a
+// The final truncation toward zero. A float outside the int32 range (a
 // distance between far-apart extreme coordinates) would make the plain cast
-// undefined, so it saturates; NaN cannot arise from the steps but maps to 0.
+// undefined, so it saturates; NaN cannot arise from compute_direction but
+// maps to 0.
 int32_t truncate_to_int32(float value) {
     if (std::isnan(value)) {
         return 0;
@@ -51,10 +53,10 @@ float acos_degrees(float ratio) { return to_degrees(std::acos(std::clamp(ratio, 
 } // namespace
 
 void fold_direction(float& azimuth, float& elevation) {
-    // Step 8, asymmetric on purpose (Part 3.3): the lower branch adds 180 to
-    // the elevation instead of mirroring it. Steps 2-7 keep the elevation in
-    // [-90, 90] (atan's range, or exactly +-90), so neither branch fires for
-    // places; the fold is kept as specified.
+    // Elevation fold, deliberately asymmetric: the lower branch adds 180 to
+    // the elevation instead of mirroring it. compute_direction keeps the
+    // elevation in [-90, 90] (atan's range, or exactly +-90), so neither
+    // branch fires for places; the fold is kept unchanged all the same.
     if (elevation > 90.0f) {
         azimuth += 180.0f;
         elevation = 180.0f - elevation;
@@ -63,7 +65,7 @@ void fold_direction(float& azimuth, float& elevation) {
         elevation += 180.0f;
         azimuth += 180.0f;
     }
-    // Step 9: one correction each way, not a full modulo.
+    // Azimuth wrap: one correction each way, not a full modulo.
     if (azimuth > 180.0f) {
         azimuth -= 360.0f;
     }
@@ -73,12 +75,12 @@ void fold_direction(float& azimuth, float& elevation) {
 }
 
 direction compute_direction(const place& listener, const place& source) {
-    // Step 2.
+    // The source relative to the listener.
     const float dx = difference(source.x, listener.x);
     float dy = difference(source.y, listener.y);
     float dz = difference(source.z, listener.z);
 
-    // Step 3: pitch the (dz, dy) plane by the listener's heading elevation.
+    // Pitch the (dz, dy) plane by the listener's heading elevation.
     if (listener.elevation != 0) {
         float a = 0.0f;
         if (dz == 0.0f) {
@@ -97,11 +99,11 @@ direction compute_direction(const place& listener, const place& source) {
         dz = std::cos(b) * r;
     }
 
-    // Step 4.
     float distance = std::sqrt(dx * dx + dy * dy + dz * dz);
     const float h = std::sqrt(dx * dx + dz * dz);
 
-    // Step 5. The elevation over dx (not over h) is deliberate (Part 3.3).
+    // Azimuth and elevation. The elevation over dx (not over h) is
+    // deliberate; keep it.
     float azimuth = 0.0f;
     float elevation = 0.0f;
     if (h == 0.0f) {
@@ -124,20 +126,20 @@ direction compute_direction(const place& listener, const place& source) {
         }
     }
 
-    // Step 6.
+    // A source at lower x than the listener mirrors both angles.
     if (listener.x > source.x) {
         azimuth = -azimuth;
         elevation = -elevation;
     }
 
-    // Step 7. dz is the value after step 3, the same one step 5 tested.
+    // Turn by the listener's heading azimuth, unless the source is straight
+    // above or below. dz is the pitched value, the same one tested above.
     if (dx != 0.0f || dz != 0.0f) {
         azimuth -= static_cast<float>(listener.azimuth);
     }
 
-    fold_direction(azimuth, elevation); // steps 8 and 9
+    fold_direction(azimuth, elevation);
 
-    // Step 10.
     return direction{truncate_to_int32(azimuth), truncate_to_int32(elevation),
                      truncate_to_int32(distance)};
 }
@@ -165,11 +167,11 @@ void heading_towards(const seat_position& from, const seat_position& target, int
 }
 
 place lookup_seat(const quelora_room_layout& layout, int32_t seat_index) {
-    // Step 1.
     place result{seat_index, 0, 0, 0, 0, 0};
     const auto n = static_cast<int64_t>(layout.seats.size());
-    // A layout without seats has no base seat to stack on; the spec's
-    // (k - 1) mod n would divide by zero, so every index keeps the origin.
+    // Indices below 1 keep the origin, and so does every index of a layout
+    // without seats: it has no base seat to stack on, and (k - 1) mod n would
+    // divide by zero.
     if (seat_index <= 0 || n == 0) {
         return result;
     }
@@ -178,16 +180,18 @@ place lookup_seat(const quelora_room_layout& layout, int32_t seat_index) {
     result.x = base.x;
     result.y = base.y;
     if (k <= n || layout.allow_participant_stacking) {
-        // Step 2, or step 3 with stacking allowed: the base seat's own z.
+        // A seat of the layout, or one beyond the seat count with stacking
+        // allowed: the base seat's own z.
         result.z = base.z;
     } else {
-        // Step 3 without stacking: each level moves up by stackDelta. The
-        // inversion (allowed keeps z, refused moves) is deliberate, Part 3.3.
+        // Beyond the seat count without stacking allowed: each level moves up
+        // by stackDelta. The inversion (allowed keeps z, refused moves) is
+        // deliberate.
         // At most INT32_MAX * INT32_MAX + INT32_MAX, so int64 cannot overflow.
         result.z = saturate_to_int32(base.z + ((k - 1) / n) * static_cast<int64_t>(layout.stack_delta));
     }
     // Seat records hold no heading: every seat, stacked or not, faces the
-    // layout's centre point (Part 2.2's heading rule).
+    // layout's centre point.
     heading_towards(seat_position{result.x, result.y, result.z}, layout.center_point,
                     result.azimuth, result.elevation);
     return result;

@@ -1,5 +1,5 @@
-// Places, seat lookup and directions (spec Part 3.3). Pure functions: the
-// conference model calls them under its locks.
+// Places, seat lookup and directions. Pure functions: the conference model
+// calls them under its locks.
 #pragma once
 
 #include "config/room_layout.h"
@@ -20,12 +20,12 @@ struct place {
     bool operator==(const place&) const = default;
 };
 
-// The same six fields as the public seat record (interface.md).
+// The same six fields as the public seat record (qel_seat).
 inline qel_seat to_seat_record(const place& p) {
     return qel_seat{p.seat_index, p.x, p.y, p.z, p.azimuth, p.elevation};
 }
 
-// A source as one listener hears it (Part 3.3 steps 1-10), before storing.
+// A source as one listener hears it (compute_direction), before storing.
 struct direction {
     int32_t azimuth = 0;
     int32_t elevation = 0;
@@ -34,11 +34,12 @@ struct direction {
 
 // Direction of `source` heard by a listener at `listener` (its heading is the
 // listener place's azimuth/elevation). The caller skips self pairs and
-// source-only listeners (step 1).
+// source-only listeners.
 direction compute_direction(const place& listener, const place& source);
 
-// Steps 8 and 9 of the direction computation (elevation fold, azimuth wrap),
-// separate so tests can reach the fold that steps 2-7 never trigger.
+// The last step of the direction computation (elevation fold, azimuth wrap),
+// separate so tests can reach the fold that compute_direction's own angles
+// never trigger.
 void fold_direction(float& azimuth, float& elevation);
 
 // The heading that faces `target` from `from` (the layout's heading rule for
@@ -46,8 +47,8 @@ void fold_direction(float& azimuth, float& elevation);
 void heading_towards(const seat_position& from, const seat_position& target, int32_t& azimuth,
                      int32_t& elevation);
 
-// Seat lookup (Part 3.3): the place of seat index k in the layout, with
-// stacking beyond the seat count.
+// Seat lookup: the place of seat index k in the layout, with stacking beyond
+// the seat count.
 place lookup_seat(const quelora_room_layout& layout, int32_t seat_index);
 
 // Lowest k >= 1 not in `taken` (no upper bound).

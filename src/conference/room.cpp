@@ -1,4 +1,4 @@
-// Room lifetime and participants (spec Parts 3.1, 3.2).
+// Room lifetime and participants.
 #include "conference/room.h"
 
 #include "api/quelora_exception.h"
@@ -51,7 +51,8 @@ void room::add_participant(int32_t participant_id, const std::string& name,
     const quelora_room_layout& layout = effective_layout();
     if (!layout.open_room) {
         // Seated and given the defaults before it joins the vector, so that a
-        // refused default state (Part 3.4 rules) leaves the room unchanged.
+        // refused default state (out of range, or auto EQ with an input
+        // resampler) leaves the room unchanged.
         // The new participant holds no seat yet, so the free seat is the same.
         place seat = lookup_seat(layout, first_free_seat());
         added->identity().set_place(seat);
@@ -113,8 +114,8 @@ void room::set_name(int32_t participant_id, const std::string& name) {
 void room::copy_name(int32_t participant_id, char* buffer, int buffer_length) const {
     std::shared_lock participants(participants_lock_);
     const std::string name = find(participant_id).identity().name();
-    // Deliberately compares without the terminator (Part 3.2): a buffer of
-    // exactly the name's length passes and receives length + 1 bytes.
+    // Deliberately compares without the terminator: a buffer of exactly the
+    // name's length passes and receives length + 1 bytes.
     if (buffer_length < 0 || name.size() > static_cast<size_t>(buffer_length)) {
         throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_DATA_LENGTH,
                                 "To use get name you must allocate a character buffer. For this "

@@ -1,6 +1,6 @@
-// One conference room (spec Parts 3.1 to 3.4): its participants in joining
-// order and its current layout, under the participants lock and the layout
-// lock (always taken in that order, after the library lock).
+// One conference room: its participants in joining order and its current
+// layout, under the participants lock and the layout lock (always taken in
+// that order, after the library lock).
 #pragma once
 
 #include "conference/event_sink.h"
@@ -32,39 +32,40 @@ public:
     int32_t id() const { return id_; }
 
     // ---- participants (room.cpp)
-    // Part 3.2 add, steps 1-7. Atomic: a failure leaves the room unchanged.
+    // Atomic: a failure leaves the room unchanged.
     void add_participant(int32_t participant_id, const std::string& name,
                          const qel_participant_configuration& configuration);
     void remove_participant(int32_t participant_id);
-    // Destroys every participant, first to last, unlinking each (Part 3.1 teardown).
+    // Destroys every participant, first to last, unlinking each.
     void tear_down();
     size_t participant_count() const;
     qel_participant_configuration participant_configuration(int32_t participant_id) const;
     void set_name(int32_t participant_id, const std::string& name);
-    // Part 3.2 get name: writes name and terminator when buffer_length >= length.
+    // Writes name and terminator when buffer_length >= length.
     void copy_name(int32_t participant_id, char* buffer, int buffer_length) const;
     void flush(int32_t participant_id);
 
     // ---- audio (room_audio.cpp)
-    // Part 4.1: one input block of a participant, processed and handed to
-    // every listener that may hear it.
+    // One input block of a participant, processed and handed to every
+    // listener that may hear it.
     void input_audio(int32_t participant_id, const void* samples, int32_t frames,
                      sample_type type);
-    // Part 4.2: one output block; false when no source had a block (the
-    // block is then silence and the level-1 line is logged).
+    // One output block; false when no source had a block (the block is then
+    // silence and the level-1 line is logged).
     bool output_audio(int32_t participant_id, void* samples, sample_type type);
 
     // ---- places (room_places.cpp)
-    // Part 3.3 set seat; returns the place record as it now stands.
+    // Moves to a seat (stacking when it is taken); returns the place record
+    // as it now stands.
     place set_seat(int32_t participant_id, int32_t seat_index);
     void set_position(int32_t participant_id, const qel_position& position,
                       const qel_heading& heading);
     place get_place(int32_t participant_id) const;
-    // Place and control values for an "add_participant" message (Part 6.1);
+    // Place and control values for an "add_participant" message;
     // nullopt, without logging, when the participant is not in the room.
     std::optional<participant_snapshot> snapshot(int32_t participant_id) const;
     source_direction spherical(int32_t listener_id, int32_t source_id) const;
-    // Part 3.1 layout switch (participants and layout locks exclusive).
+    // Layout switch (participants and layout locks exclusive).
     void switch_layout(const quelora_room_layout* layout);
     // Null when the room has no layout.
     const quelora_room_layout* layout() const;
@@ -79,14 +80,14 @@ private:
     const participant& find(int32_t participant_id) const;
     // Null, without logging, when the participant is not in the room.
     participant* find_if_present(int32_t participant_id) const;
-    // Part 3.4 set rules for one participant (auto EQ rule, then check and store).
+    // The set rules for one participant (auto EQ rule, then check and store).
     void apply_state(participant& p, int32_t control, int32_t value);
     // The same checks without storing, so that multi-participant changes can
     // be refused before anything changes.
     void check_state(const participant& p, int32_t control, int32_t value) const;
     void apply_default_states(participant& p, const quelora_room_layout& layout);
     void check_default_states(const participant& p, const quelora_room_layout& layout) const;
-    // Part 3.3: source as heard by listener, stored in the listener's slot.
+    // Source as heard by listener, stored in the listener's slot.
     static void update_direction(participant& listener, const participant& source);
     void update_directions_of(participant& moved);
     int32_t first_free_seat() const;

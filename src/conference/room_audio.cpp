@@ -1,6 +1,5 @@
-// The audio calls of a room (spec Parts 4.1 entry steps 1-7 and 4.2 output
-// call steps 1-10), under the room's participants lock held shared: other
-// participants' audio calls run in parallel, joins and leaves wait.
+// The audio calls of a room, under the room's participants lock held shared:
+// other participants' audio calls run in parallel, joins and leaves wait.
 #include "conference/room.h"
 
 #include "api/quelora_exception.h"
@@ -35,7 +34,8 @@ void room::input_audio(int32_t participant_id, const void* samples, int32_t fram
                                 participant_id, id_);
     }
     const control_values controls = source.identity().controls();
-    if (controls.get(QEL_CONTROL_MUTE_ENABLE) != 0) return; // dropped (Part 4.1 step 4)
+    // A muted participant's block is dropped before any processing.
+    if (controls.get(QEL_CONTROL_MUTE_ENABLE) != 0) return;
 
     std::lock_guard input(source.input_mutex());
     input_chain& chain = *source.input();

@@ -1,4 +1,4 @@
-// Seats, positions, directions and layout switches of a room (spec Parts 3.1, 3.3).
+// Seats, positions, directions and layout switches of a room.
 #include "conference/room.h"
 
 #include "api/quelora_exception.h"
@@ -60,8 +60,8 @@ place room::set_seat(int32_t participant_id, int32_t seat_index) {
     std::shared_lock layout_guard(layout_lock_);
     const quelora_room_layout& layout = effective_layout();
     const auto seat_count = static_cast<int64_t>(layout.seats.size());
-    // Part 3.3 step 1: k < 1 and, as an unsigned 64-bit number, above n; in
-    // effect only negative indices are refused.
+    // Refused when k < 1 and, as an unsigned 64-bit number, above n: in effect
+    // only negative indices are refused (0 is placed at the origin).
     if (seat_index < 1 &&
         static_cast<uint64_t>(static_cast<int64_t>(seat_index)) > static_cast<uint64_t>(seat_count)) {
         throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_VALUE,
@@ -70,7 +70,8 @@ place room::set_seat(int32_t participant_id, int32_t seat_index) {
     }
     participant& moving = find(participant_id);
     const int32_t current = moving.identity().seat_index();
-    // Step 3 with C++ remainder semantics; a layout without seats compares the
+    // Nothing changes when the participant already holds that physical seat,
+    // tested with C++ remainder semantics; a layout without seats compares the
     // indices themselves (no division by zero).
     const int64_t current_seat =
         seat_count > 0 ? (static_cast<int64_t>(current) - 1) % seat_count + 1 : current;
@@ -156,7 +157,7 @@ void room::switch_layout(const quelora_room_layout* layout) {
     std::unique_lock participants(participants_lock_);
     std::unique_lock layout_guard(layout_lock_);
     if (layout_ != nullptr && layout != nullptr && layout_->id == layout->id) {
-        return; // same id: nothing changes (Part 3.1 step 1)
+        return; // same id: nothing changes, defaults are not reapplied
     }
     const quelora_room_layout& next = layout != nullptr ? *layout : no_layout();
     // Every default state is checked for every participant first, in the order

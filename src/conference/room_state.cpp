@@ -1,4 +1,4 @@
-// Participant control values within a room (spec Part 3.4).
+// Participant control values within a room.
 #include "conference/room.h"
 
 #include "api/quelora_exception.h"
@@ -8,8 +8,8 @@
 namespace quelora {
 
 void room::check_state(const participant& p, int32_t control, int32_t value) const {
-    // Part 3.4 step 1: for the value 0 as well, no auto EQ value can be
-    // written for a participant with an input resampler.
+    // Auto EQ works on 48 kHz input only, so no auto EQ value, 0 included, can
+    // be written for a participant with an input resampler.
     if (p.has_input_resampler() && control == QEL_CONTROL_AUTO_EQ_ENABLE) {
         throw quelora_exception(QEL_LOG_WARNING, QEL_ERROR_INVALID_CONTROL,
                                 "The Auto EQ effect is only available for 48 kHz inputs currently. "
@@ -40,7 +40,8 @@ void room::set_state(int32_t participant_id, int32_t control, int32_t value) {
 
 void room::set_all_states(int32_t control, int32_t value) {
     std::shared_lock participants(participants_lock_);
-    // The first failure stops the loop; earlier participants keep the new value (Part 3.4).
+    // The first failure stops the loop; earlier participants keep the new
+    // value, deliberately (a layout switch checks everyone first instead).
     for (auto& p : participants_) apply_state(*p, control, value);
 }
 

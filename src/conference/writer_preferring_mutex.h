@@ -2,8 +2,8 @@
 // waits. glibc's std::shared_mutex prefers readers: with audio threads
 // calling back to back, each holding a room's participants lock shared, an
 // add, remove, seat or layout change could wait for ever (the audio stress
-// test saw 41 s). The spec's slim reader/writer locks queue writers; this is
-// the POSIX equivalent. Not recursive, for readers either: a thread that
+// test saw 41 s). A POSIX rwlock of the writer-preferring kind lets the
+// waiting writer go first. Not recursive, for readers either: a thread that
 // holds it shared must not take it again (the room's methods each take it
 // once, and host callbacks run after it is released).
 #pragma once

@@ -7,8 +7,9 @@
 namespace quelora {
 
 int32_t frames_at_processing_rate(int32_t rate, int32_t frames) {
-    // Single precision, truncated toward zero (Part 2.1 step 2). The range
-    // guard keeps absurd inputs from an undefined float-to-int conversion.
+    // Single precision, truncated toward zero, deliberately; the input-rate
+    // test reuses it (docs/design.md). The range guard keeps absurd inputs
+    // from an undefined float-to-int conversion.
     const float length = 48000.0f / static_cast<float>(rate) * static_cast<float>(frames);
     if (!(length > -2.0e9f && length < 2.0e9f)) {
         return -1;
@@ -17,7 +18,8 @@ int32_t frames_at_processing_rate(int32_t rate, int32_t frames) {
 }
 
 bool is_accepted_processing_length(int32_t length) {
-    // 512 and 1024 are deliberately accepted beside the 10/20 ms lengths (Part 2.1).
+    // 512 and 1024 (power-of-two blocks) are deliberately accepted beside the
+    // 10/20 ms lengths.
     return length == 480 || length == 512 || length == 960 || length == 1024;
 }
 

@@ -1,4 +1,4 @@
-// Library configuration checks and derived processing sizes (spec Part 2.1).
+// Library configuration checks and derived processing sizes.
 #pragma once
 
 #include "audio/processing_rate.h"
@@ -19,20 +19,21 @@ struct processing_sizes {
     int32_t partition_count = 0;         // spatial filter length / processing block
 };
 
-// 48000.0 / rate x frames in single precision, truncated (Part 2.1 step 2);
+// 48000.0 / rate x frames in single precision, truncated;
 // -1 when the product does not fit an int32 (it is then no valid length).
 int32_t frames_at_processing_rate(int32_t rate, int32_t frames);
 // Whether a frame length at 48000 Hz is one the library accepts: 480, 512, 960, 1024.
 bool is_accepted_processing_length(int32_t length);
 
-// Step 2 of the initialisation: throws quelora_exception (level 4) for the
-// first failing field in the fixed order rate, frames, channels, quality.
+// The initialisation's configuration check: throws quelora_exception
+// (level 4) for the first failing field in the fixed order rate, frames,
+// channels, quality.
 void validate_library_configuration(const qel_library_configuration& configuration);
 
-// Step 7: the derived sizes of a validated configuration.
+// The derived sizes of a validated configuration.
 processing_sizes derive_processing_sizes(const qel_library_configuration& configuration);
 
-// 2^ceil(ln n / ln 2) in double precision (Part 2.1); 0 is not a power of two.
+// 2^ceil(ln n / ln 2) in double precision; 0 is not a power of two.
 int32_t next_power_of_two(int32_t n);
 bool is_power_of_two(int32_t n);
 

@@ -1,4 +1,4 @@
-// Room configuration document and room layouts (spec Part 2.2).
+// Room configuration document and room layouts.
 #include "config/room_layout.h"
 
 #include "api/controls.h"
@@ -17,7 +17,8 @@ namespace {
 
 using json = nlohmann::json;
 
-// Presence checks of Part 2.2 are log lines at level 4, not failures.
+// Presence checks are log lines at level 4, not failures: the reads that
+// follow fail on whatever is really missing.
 void log_error(const char* message) {
     qel_logger::get_logger().log(QEL_LOG_ERROR, "%s", message);
 }
@@ -29,13 +30,13 @@ void log_error(const char* message) {
         302, std::string("type must be ") + expected + ", but is " + value.type_name(), &value);
 }
 
-// Reads a JSON number as a signed 32-bit integer (Part 2.2 "id", "stackDelta",
-// coordinates and default values). Decision taken for this library: the value
-// is truncated toward zero and then SATURATED to [INT32_MIN, INT32_MAX], so a
-// hostile document can never reach an undefined float-to-int conversion; NaN
-// (only reachable from a document built in code, never from text) reads as 0.
-// Booleans are accepted only where the spec allows them (default states:
-// true 1, false 0); any other type raises type_error 302.
+// Reads a JSON number as a signed 32-bit integer ("id", "stackDelta",
+// coordinates and default values). The value is truncated toward zero and
+// then SATURATED to [INT32_MIN, INT32_MAX], so a hostile document can never
+// reach an undefined float-to-int conversion; NaN (only reachable from a
+// document built in code, never from text) reads as 0. Booleans are accepted
+// only for default states (true 1, false 0); any other type raises
+// type_error 302.
 int32_t read_int32(const json& value, bool accept_boolean = false) {
     constexpr int32_t lowest = std::numeric_limits<int32_t>::min();
     constexpr int32_t highest = std::numeric_limits<int32_t>::max();
@@ -74,9 +75,8 @@ seat_position read_xyz(const json& value) {
     return position;
 }
 
-// Layout parsing step 1 (Part 2.2): every check in the spec's order, each only
-// logged; the reads that follow raise the JSON library's error for anything
-// that is still missing.
+// Presence checks, in a fixed order, each only logged; the reads that follow
+// raise the JSON library's error for anything that is still missing.
 void log_missing_members(const json& object) {
     if (!object.contains("id")) {
         log_error("A Room in the Room Configuration file is missing its 'id' property");
@@ -102,9 +102,10 @@ void log_missing_members(const json& object) {
     }
 }
 
-// Layout parsing step 2 (Part 2.2): names go through the Part 1.4 converter
-// (upper-casing; it logs its own warning for unknown names), values are stored
-// without the Part 1.4 range check.
+// Default states: names go through the control-name converter (upper-casing;
+// it logs its own warning for unknown names); values are stored without the
+// range check, which runs when a participant receives them (a refused value
+// then fails that operation).
 void read_default_states(const json& states, quelora_room_layout& layout) {
     if (!states.is_object()) {
         throw_type_error(states, "object");
@@ -199,14 +200,15 @@ std::unique_ptr<quelora_room_layout> parse_room_layout(const std::string& key,
         read_default_states(object.at("defaultStates"), *layout);
     }
 
-    // Step 3: the reads, in the spec's order (it decides which error a layout
-    // with several faults raises).
+    // The reads, in a fixed order: it decides which error a layout with
+    // several faults raises.
     layout->id = read_int32(object.at("id"));
     layout->description = object.at("desc").get<std::string>();
     layout->center_point = read_xyz(object.at("centerPoint"));
     layout->allow_participant_stacking = object.at("allowParticipantStacking").get<bool>();
 
-    // Step 4: deliberately read only when stacking is off (Part 2.2).
+    // Deliberately read only when stacking is off, the only case in which seat
+    // lookup uses it.
     if (!layout->allow_participant_stacking) {
         if (!object.contains("stackDelta")) {
             log_error("A Room in the Room Configuration file is missing its 'stackDelta' property");
@@ -232,7 +234,7 @@ std::unique_ptr<quelora_room_layout> parse_room_layout(const std::string& key,
 }
 
 room_layout_set::room_layout_set(json document) : document_(std::move(document)) {
-    // A document that is not an object has no "room_list" either (step 1).
+    // A document that is not an object has no "room_list" either.
     if (!document_.is_object() || !document_.contains("room_list")) {
         throw quelora_exception(QEL_LOG_ERROR, error_invalid_room_configuration, "%s",
                                 "The Room Configuration file is missing the 'room_list' property");
@@ -247,8 +249,8 @@ room_layout_set::room_layout_set(json document) : document_(std::move(document))
     if (!room_list.is_object()) {
         throw_type_error(room_list, "object");
     }
-    // nlohmann keeps object members in ascending key order, which is the
-    // layout order the spec fixes.
+    // nlohmann keeps object members in ascending key order, so the layouts
+    // are in ascending key order too (find() relies on it).
     for (const auto& [key, object] : room_list.items()) {
         auto layout = parse_room_layout(key, object);
         if (key == default_key) {
@@ -261,7 +263,7 @@ room_layout_set::room_layout_set(json document) : document_(std::move(document))
 }
 
 const quelora_room_layout* room_layout_set::find(int32_t layout_id) const {
-    // Linear scan: with duplicate ids the key that sorts first wins (Part 2.2).
+    // Linear scan: with duplicate ids the key that sorts first wins.
     for (const auto& layout : layouts_) {
         if (layout->id == layout_id) {
             return layout.get();

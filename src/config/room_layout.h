@@ -1,4 +1,4 @@
-// Room layouts and the room configuration document (spec Part 2.2).
+// Room layouts and the room configuration document.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -15,7 +15,7 @@ struct seat_position {
     int32_t x = 0, y = 0, z = 0;
 };
 
-// One parsed layout (quelora_room_layout of Part 2.2).
+// One parsed layout.
 struct quelora_room_layout {
     int32_t id = 0;
     std::string key;
@@ -25,8 +25,8 @@ struct quelora_room_layout {
     bool open_room = false;
     seat_position center_point;
     std::vector<seat_position> seats;
-    // Control number to value. Ordered by control so that applying the
-    // defaults is deterministic (the spec's hash map has no order).
+    // Control number to value. Ordered by control so that the defaults are
+    // applied, and refused, in a fixed order (a hash map would have none).
     std::map<int32_t, int32_t> default_states;
     nlohmann::json object; // the layout's JSON object as read
 };
@@ -39,17 +39,18 @@ inline constexpr int max_json_depth = 256;
 // any parse failure (including too deep nesting).
 nlohmann::json parse_json_text(const std::string& text);
 
-// The built-in fallback document of Part 2.2.
+// The built-in fallback document: one open layout, stacking allowed, with
+// one seat at the origin.
 nlohmann::json fallback_room_document();
 
 // All layouts of one document, in "room_list" key order, with the default
-// layout and the compact JSON text (Part 2.2). Immutable once built; rooms
-// point into it.
+// layout and the compact JSON text. Immutable once built; rooms point into
+// it.
 class room_layout_set {
 public:
-    // Parses the document into layouts (Part 2.2 "Document parsing"). Throws
-    // quelora_exception (-9988) for structural faults and lets the JSON
-    // library's exceptions through for type errors and missing members.
+    // Parses the document into layouts. Throws quelora_exception (-9988) for
+    // structural faults and lets the JSON library's exceptions through for
+    // type errors and missing members.
     explicit room_layout_set(nlohmann::json document);
 
     const std::vector<std::unique_ptr<quelora_room_layout>>& layouts() const { return layouts_; }
@@ -67,9 +68,9 @@ private:
     std::string json_text_;
 };
 
-// Parses one layout object (Part 2.2 "Layout parsing"): presence checks are
-// logged at level 4, then members are read; missing or mistyped members raise
-// the JSON library's exceptions.
+// Parses one layout object: presence checks are logged at level 4, then
+// members are read; missing or mistyped members raise the JSON library's
+// exceptions.
 std::unique_ptr<quelora_room_layout> parse_room_layout(const std::string& key,
                                                        const nlohmann::json& object);
 

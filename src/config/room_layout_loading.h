@@ -1,4 +1,4 @@
-// Step 4 of the initialisation (spec Part 2.1): where the room layouts come from.
+// Where a library's room layouts come from: its file or the built-in fallback.
 #pragma once
 
 #include "config/room_layout.h"

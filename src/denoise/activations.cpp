@@ -1,4 +1,4 @@
-// Spec Part 5.1's element-wise functions. ReLU takes four floats at a time
+// The network's element-wise functions. ReLU takes four floats at a time
 // with SSE (a plain loop where SSE is missing); the sigmoid and tanh use
 // Eigen's vectorised exp and tanh (a few ulp from the libm functions,
 // several times faster than calling them per element).

@@ -1,5 +1,5 @@
-// The element-wise functions of spec Part 5.1 and the channel/frequency
-// transpose between the convolution maps and the linear layers (Part 5.2).
+// The network's element-wise functions and the channel/frequency transpose
+// between the convolution maps and the linear layers.
 // None allocates; each works over `count` floats.
 #pragma once
 

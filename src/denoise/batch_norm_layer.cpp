@@ -1,7 +1,6 @@
-// Spec Part 5.1, batch_norm_layer. The factor is computed in double and
-// rounded once, the closest float to the exact scale. The spec's
-// time x frequency scratch buffer is left out: forward works element by
-// element, so in-place use needs no copy.
+// batch_norm_layer. The factor is computed in double and rounded once, the
+// closest float to the exact scale. There is no time x frequency scratch
+// buffer: forward works element by element, so in-place use needs no copy.
 #include "denoise/batch_norm_layer.h"
 
 #include "api/quelora_exception.h"

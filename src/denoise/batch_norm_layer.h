@@ -1,4 +1,4 @@
-// The inference batch norm of spec Part 5.1. It is the only layer that
+// The inference batch norm. It is the only layer that
 // derives parameter data: the per-channel factor gamma / sqrt(var + 1e-5),
 // computed once at construction; the shift and mean stay in the table.
 #pragma once

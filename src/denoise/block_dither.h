@@ -1,7 +1,8 @@
-// Step 1 of Part 5.2's block routine: a deterministic dither of +-2^-18 at
-// positions 12, 140, 268 and 396 of every 480-sample block, so that digital
-// silence never reaches the network (its log-power features would sit at
-// the floor). The state sequence starts at 2 and carries across blocks.
+// The first step of the noise canceller's block routine: a deterministic
+// dither of +-2^-18 at positions 12, 140, 268 and 396 of every 480-sample
+// block, so that digital silence never reaches the network (its log-power
+// features would sit at the floor). The state sequence starts at 2 and
+// carries across blocks.
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,9 @@
-// Spec Part 5.1, conv2d_layer: im2col + one matrix product per group, with
+// conv2d_layer: im2col + one matrix product per group, with
 // two shortcuts chosen at construction (a direct loop for depthwise layers,
 // no unfolding when the input already is the patch matrix). The weight
 // order [Cout][Cin/G][Kt][Kf] already is each group's row-major
 // (Cout/G) x (Cin/G·Kt·Kf) matrix with patch rows ordered (cin, kt, kf), so
-// the spec's "reordered weight matrix" needs no copy.
+// no reordered copy of the weights is kept.
 #include "denoise/conv2d_layer.h"
 
 #include "api/quelora_exception.h"

@@ -1,4 +1,4 @@
-// The 2-D convolution layer of spec Part 5.1: time x frequency, no bias (a
+// The 2-D convolution layer: time x frequency, no bias (a
 // batch norm always follows), frequency padding floor(Kf/2) on each side,
 // time stride 1. Weights stay in the weight table ([Cout][Cin/G][Kt][Kf],
 // docs/dfn.md section 1); all scratch is allocated at construction.

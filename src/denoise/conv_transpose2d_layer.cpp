@@ -1,4 +1,4 @@
-// Spec Part 5.1, conv_transpose2d_layer: scatter form. Every input position
+// conv_transpose2d_layer: scatter form. Every input position
 // i of an input channel adds weight x input to output position
 // i·SF + k - P for each kernel tap k (the dilated map cropped by the
 // padding); the crop is precomputed per tap as a range of input positions.
@@ -23,7 +23,8 @@ conv_transpose2d_layer::conv_transpose2d_layer(uint32_t in_time, uint32_t in_fre
     : weights_(weights), in_freq_(in_freq), in_channels_(in_channels), out_channels_(out_channels),
       groups_(groups), kernel_freq_(kernel_freq), pad_freq_(pad_freq), stride_freq_(stride_freq),
       out_time_(0), out_freq_(0), time_row_kept_(pad_time == 0) {
-    // The Part's four checks, in its order.
+    // First the checks whose messages name the argument (input_dim_1 ...), in
+    // this order; the first that fails is reported.
     if (in_time != 1)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "input_dim_1 is %i, must be 1", static_cast<int>(in_time));
@@ -38,7 +39,7 @@ conv_transpose2d_layer::conv_transpose2d_layer(uint32_t in_time, uint32_t in_fre
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "out_pad_2 is %i, must be < stride_2 = %i",
                                 static_cast<int>(out_pad_freq), static_cast<int>(stride_freq));
-    // Ours: what would otherwise make forward read or write out of bounds.
+    // Then what would otherwise make forward read or write out of bounds.
     if (weights == nullptr)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "conv_transpose2d: weights pointer is null");

@@ -1,7 +1,8 @@
-// The transposed 2-D convolution of spec Part 5.1 (frequency upsampling in
+// The transposed 2-D convolution (frequency upsampling in
 // the ERB decoder). Input time length and kernel time length are 1; weights
 // stay in the table as [Cin][Cout/G][Kt][Kf] (docs/dfn.md section 1).
-// `groups` is ours (docs/dfn.md): the model's rows 31 and 36 are depthwise.
+// The trailing `groups` is there because the model's rows 31 and 36 are
+// depthwise (docs/dfn.md section 1).
 #pragma once
 
 #include <cstdint>

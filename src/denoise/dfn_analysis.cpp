@@ -1,6 +1,6 @@
-// The DFN analysis (spec Part 5.2 `dfn_analysis`; docs/dfn.md section 2).
-// The feature formulas run in float32 in exactly the documented order, so the
-// PyTorch twin (training/dfn/) can mirror them.
+// The DFN analysis (docs/dfn.md section 2).
+// The feature formulas run in float32 in exactly the order that page gives, so
+// the PyTorch twin (training/dfn/) can mirror them.
 #include "denoise/dfn_analysis.h"
 
 #include <algorithm>

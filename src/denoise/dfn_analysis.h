@@ -1,9 +1,8 @@
-// The analysis half of the DFN noise canceller (spec Part 5.2, `dfn_analysis`;
-// made exact by docs/dfn.md section 2): per 480-sample hop, the windowed
-// spectrum, the normalised ERB and complex features with their 3-frame
-// histories (the encoders' inputs), and the last 8 spectra that the
-// synthesis (docs/dfn.md section 4) reads. Everything is allocated in the
-// constructor; process never allocates, locks or logs.
+// The analysis half of the DFN noise canceller (docs/dfn.md section 2): per
+// 480-sample hop, the windowed spectrum, the normalised ERB and complex
+// features with their 3-frame histories (the encoders' inputs), and the last 8
+// spectra that the synthesis (docs/dfn.md section 4) reads. Everything is
+// allocated in the constructor; process never allocates, locks or logs.
 #pragma once
 
 #include "denoise/dfn_constants.h"
@@ -31,7 +30,7 @@ public:
     const std::complex<float>* spectrum(int hops_back) const;
 
     const uint16_t* band_widths() const { return band_widths_.data(); }
-    // The Vorbis window of Part 5.2 (480 values), shared with the synthesis.
+    // The Vorbis window (480 values), shared with the synthesis.
     const float* window() const { return window_.data(); }
 
     // For tests.
@@ -57,7 +56,7 @@ private:
     int newest_;
 };
 
-// The Part 5.2 building blocks, exposed so the tests can check each one.
+// The analysis's building blocks, exposed so the tests can check each one.
 namespace dfn_design {
 // w[n] = sin(pi/2 sin^2(pi (n + 0.5) / size)), evaluated in double.
 std::vector<float> vorbis_window(int size);
@@ -65,7 +64,7 @@ std::vector<float> vorbis_window(int size);
 // sum is 240 and the factor 1/480 exactly as docs/dfn.md states (summing the
 // float window's squares gives 240.0000012 and a factor one float ulp lower).
 float window_norm(int size, int hop);
-// The ERB band widths of Part 5.2 (sum: size / 2 + 1).
+// The ERB band widths (sum: size / 2 + 1).
 std::vector<uint16_t> erb_band_widths(int sample_rate, int size, int bands, int min_bins);
 // e^(-hop / sample_rate) rounded to the fewest decimals, from 3, giving < 1.
 float normalisation_alpha(int sample_rate, int hop);

@@ -1,5 +1,5 @@
-// The fixed constants of the DFN noise canceller: the table of spec Part 5.2
-// "Data model", plus the two that docs/dfn.md section 4 settles (the
+// The fixed constants of the DFN noise canceller: its rate, transform, band
+// and history sizes, plus the two that docs/dfn.md section 4 settles (the
 // lookahead of the synthesis and the spectrum history it needs).
 // All hard-wired: none is configurable.
 #pragma once

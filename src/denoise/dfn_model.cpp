@@ -81,8 +81,8 @@ void norm_relu(batch_norm_layer& bn, float* map, std::size_t count) {
 
 } // namespace
 
-// Members in the order of Part 5.2's table: their initialisers take the
-// tensors in that order.
+// Members in the order of the weight table's rows (dfn_weight_layout.h):
+// their initialisers take the tensors in that order.
 struct dfn_model::layers {
     explicit layers(dfn_weight_reader& r)
         : erb_conv0(conv(r, 3, erb, 1, 3, 3, 1, ch, 1)), erb_bn0(norm(r, ch, erb)),
@@ -171,9 +171,9 @@ dfn_model::dfn_model(const float* table)
 
 dfn_model::~dfn_model() = default;
 
-// Part 5.2 per hop, steps 2-3 (docs/dfn.md section 3), and what of steps 4
-// and 6 depends on this hop's encoders alone: the flattened maps the
-// embedding reads and the DF path output p, which must be taken before the
+// The encoders of one hop (docs/dfn.md section 3), and what of the embedding
+// and the DF decoder depends on this hop's encoders alone: the flattened maps
+// the embedding reads and the DF path output p, which must be taken before the
 // next hop pushes its c0 into the DF-path history.
 void dfn_model::encode(hop_buffers& hop) {
     layers& l = *layers_;
@@ -203,18 +203,18 @@ void dfn_model::encode(hop_buffers& hop) {
     l.df_pw1.forward(wide_.data(), c1_.data());
     norm_relu(l.df_bn1, c1_.data(), c1_.size());
 
-    // Step 6's DF path over the five hops ending at this one.
+    // The DF decoder's path over the five hops ending at this one.
     l.df_path.forward(df_path_history_.data(), wide_.data());
     l.df_path_pw.forward(wide_.data(), df_path_.data());
     norm_relu(l.df_path_bn, df_path_.data(), df_path_.size());
     transpose(df_path_.data(), hop.p.data(), df_out_channels, df);
 
-    // Step 4's inputs: c1 as [bin][channel], e3 as [band][channel].
+    // The embedding's inputs: c1 as [bin][channel], e3 as [band][channel].
     transpose(c1_.data(), hop.flat.data(), ch, 48);
     transpose(hop.e3.data(), hop.joined.data(), ch, 8);
 }
 
-// Step 4: the embedding; h1 keeps GRU 1's output for the DF decoder. With a
+// The embedding; h1 keeps GRU 1's output for the DF decoder. With a
 // block's two hops every weight is read once for both (the GRUs' recurrent
 // products excepted: the second hop's step needs the first's state).
 void dfn_model::embed(std::span<hop_buffers> hops) {
@@ -239,7 +239,7 @@ void dfn_model::embed(std::span<hop_buffers> hops) {
     for (hop_buffers& h : hops) relu(decoded(h), decoded(h), 512);
 }
 
-// Step 5: the ERB decoder, deepest stage first, ending in 32 gains.
+// The ERB decoder, deepest stage first, ending in 32 gains.
 void dfn_model::decode_erb(hop_buffers& hop) {
     layers& l = *layers_;
     transpose(hop.decoded.data(), up_.data(), 8, ch); // [band][channel] -> [channel][band]
@@ -271,8 +271,8 @@ void dfn_model::decode_erb(hop_buffers& hop) {
     sigmoid(hop.gains.data(), hop.gains.data(), erb);
 }
 
-// Step 6: deep-filter coefficients from h1 plus the DF path output p, with
-// the weight passes shared as in embed.
+// The DF decoder: deep-filter coefficients from h1 plus the DF path output p,
+// with the weight passes shared as in embed.
 void dfn_model::decode_df(std::span<hop_buffers> hops) {
     layers& l = *layers_;
     const auto h1 = [](hop_buffers& h) { return h.h1.data(); };

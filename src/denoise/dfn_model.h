@@ -1,6 +1,6 @@
-// The DFN network of spec Part 5.2 with its layer objects (Part 5.1), its
-// scratch and its two signal-processing states: one hop of 480 windowed
-// samples in, 480 samples out for the wrapper's overlap-add. The exact data
+// The DFN network with its layer objects, its scratch and its two
+// signal-processing states: one hop of 480 windowed samples in, 480 samples
+// out for the wrapper's overlap-add. The exact data
 // flow is docs/dfn.md section 3; the output rebuilds the frame four hops
 // back (section 4). process_block runs a block's two hops together so that
 // the grouped linear layers and the GRUs' input products read their weights
@@ -20,14 +20,14 @@ namespace quelora::denoise {
 
 class dfn_model {
 public:
-    // table: 1 517 904 floats in the order of Part 5.2 (dfn_weight_layout.h),
+    // table: 1 517 904 floats in the row order of dfn_weight_layout.h,
     // read-only and outliving the model; the layers point into it.
     explicit dfn_model(const float* table);
     ~dfn_model();
     dfn_model(const dfn_model&) = delete;
     dfn_model& operator=(const dfn_model&) = delete;
 
-    // dfn_model_process_hop: window (480 samples) -> output (480 samples).
+    // One hop: window (480 samples) -> output (480 samples).
     void process_hop(const float* window, float* output);
 
     // process_hop(window_a, output_a) then process_hop(window_b, output_b),

@@ -1,4 +1,4 @@
-// The DFN synthesis (spec Part 5.2 `dfn_synthesis`; docs/dfn.md section 4).
+// The DFN synthesis (docs/dfn.md section 4).
 #include "denoise/dfn_synthesis.h"
 
 #include "api/quelora_exception.h"

@@ -1,9 +1,8 @@
-// The synthesis half of the DFN noise canceller (spec Part 5.2,
-// `dfn_synthesis`; made exact by docs/dfn.md section 4): the ERB gains mask
-// bins 96..240 of the spectrum 4 hops back, the deep filter rebuilds bins
-// 0..95 from the spectra 6..2 hops back, and the result is inverse-
-// transformed and windowed for the wrapper's overlap-add. Everything is
-// allocated in the constructor; process never allocates, locks or logs.
+// The synthesis half of the DFN noise canceller (docs/dfn.md section 4): the
+// ERB gains mask bins 96..240 of the spectrum 4 hops back, the deep filter
+// rebuilds bins 0..95 from the spectra 6..2 hops back, and the result is
+// inverse-transformed and windowed for the wrapper's overlap-add. Everything
+// is allocated in the constructor; process never allocates, locks or logs.
 #pragma once
 
 #include "denoise/dfn_analysis.h"

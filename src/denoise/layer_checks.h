@@ -1,7 +1,7 @@
-// The shape checks the layers of spec Part 5.1 share beyond the Part's own
-// messages: quelora_exception with code -9990 (the Part's failure code) and
-// "<layer>: <what> ..." messages, so that forward can never read or write
-// out of bounds.
+// The shape checks the layers share beyond their own argument-named messages:
+// quelora_exception with code -9990 (QEL_ERROR_INVALID_VALUE, every layer's
+// failure code) and "<layer>: <what> ..." messages, so that forward can never
+// read or write out of bounds.
 #pragma once
 
 #include "api/quelora_exception.h"

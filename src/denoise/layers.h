@@ -1,10 +1,10 @@
-// The network layers of spec Part 5.1, for one frame at a time (batch 1).
+// The DFN network's layers, for one frame at a time (batch 1).
 // A layer is built once with its shape and pointers into the read-only weight
 // table (docs/dfn.md section 1 gives the element order), allocates all of its
 // scratch at construction and is then called once per hop: forward never
 // allocates and never fails. Feature maps are channel-major
 // [channel][time][frequency], frequency fastest. Construction checks shapes
-// and throws quelora_exception with code -9990 and the Part's message.
+// and throws quelora_exception with code -9990 and a message naming the check.
 // Layers are used by one thread at a time (the participant's input thread).
 #pragma once
 

@@ -1,4 +1,4 @@
-// Spec Part 5.1's products, twice (see matvec_kernels.h). The portable
+// The network layers' products, twice (see matvec_kernels.h). The portable
 // version is the Eigen code the layers ran before, so a processor without
 // AVX2 computes exactly what it did. The AVX2+FMA version is written with
 // intrinsics in functions carrying the target attribute, and deliberately

@@ -1,9 +1,9 @@
-// The matrix products under the network layers of spec Part 5.1 (GRU gates,
-// grouped linear blocks, convolutions as patch-matrix products), in two
-// versions: a portable one for the baseline x86-64 target and one for
-// AVX2+FMA, picked once per process from the processor dispatch of Part 2.1
-// step 6. The shipped library has to run on any x86-64, yet the model of
-// Part 5.2 meets its real-time budget only with the wider instructions.
+// The matrix products under the network layers (GRU gates, grouped linear
+// blocks, convolutions as patch-matrix products), in two versions: a
+// portable one for the baseline x86-64 target and one for AVX2+FMA, picked
+// once per process from the processor dispatch (dsp/processor_dispatch.h).
+// The shipped library has to run on any x86-64, yet the DFN model meets its
+// real-time budget only with the wider instructions.
 // Plain function pointers rather than target_clones: the loader's ifunc
 // resolvers crash under ThreadSanitizer.
 #pragma once

@@ -16,9 +16,9 @@ namespace {
 constexpr int32_t block = static_cast<int32_t>(dfn_block_length); // 480
 constexpr int32_t hop = static_cast<int32_t>(dfn_hop);            // 240
 
-// Part 5.2's capacities (2048, 2048, 4096) hold every frame length a
-// participant can have (at most 1024); larger ones, which only a direct user
-// of this class could ask for, get rings large enough that nothing is lost.
+// The base capacities (2048, 2048, 4096) hold every frame length a participant
+// can have (at most 1024); larger ones, which only a direct user of this class
+// could ask for, get rings large enough that nothing is lost.
 int32_t capacity(int32_t part_capacity, int64_t needed) {
     return static_cast<int32_t>(std::max<int64_t>(part_capacity, needed));
 }
@@ -39,7 +39,7 @@ noise_canceller::noise_canceller(uint32_t sample_rate, uint32_t channels,
       input_fifo_(1, capacity(2048, int64_t{frame_length} + block)),
       output_fifo_(1, capacity(2048, int64_t{frame_length} + 2 * block)),
       dry_fifo_(1, capacity(4096, int64_t{dry_delay(frame_length)} + 2 * int64_t{frame_length})) {
-    // The dry delay line starts full of silence (Part 5.2 creation).
+    // The dry delay line starts full of silence.
     const std::array<float, 256> silence{};
     for (int32_t left = dry_delay(frame_length); left > 0;) {
         const int32_t n = std::min<int32_t>(left, silence.size());
@@ -71,37 +71,38 @@ void noise_canceller::process(const float* input, float* output, float* dry_outp
             process_block(block_.data(), block_.data());
             output_fifo_.write(block_.data(), 0, block);
         }
-        // Part 5.2: too little buffered takes nothing; the output keeps what
-        // it held (the unprocessed input when the caller runs in place).
+        // Too little buffered takes nothing: the output keeps what it held (the
+        // unprocessed input when the caller runs in place).
         output_fifo_.read(output, 0, n);
     }
     if (channels_ == 2) dsp::copy(output, output + n, n);
 }
 
 void noise_canceller::process_block(float* samples, float* output) {
-    // Ours, not the Part's: a NaN or infinity would stay in the recurrent
-    // states and the normalisation means for good, silencing the participant
-    // until it is re-created; such samples enter the network as silence.
+    // A NaN or infinity would stay in the recurrent states and the
+    // normalisation means for good, silencing the participant until it is
+    // re-created; such samples enter the network as silence.
     for (int32_t i = 0; i < block; ++i)
         if (!std::isfinite(samples[i])) samples[i] = 0.0f;
 
-    dither_.apply(samples); // step 1
+    dither_.apply(samples);
 
-    // Steps 2-3: two hops; the first block's two hops (counts 1 and 2) are muted.
+    // The block's two hops; those of the first block (counts 1 and 2) are muted.
     std::memcpy(window_in_.data(), previous_input_.data() + hop, hop * sizeof(float));
     std::memcpy(window_in_.data() + hop, samples, hop * sizeof(float));
     // The model runs both hops at once (dfn_model::process_block), which
-    // equals the two process_hop calls of the Part's steps.
+    // equals two process_hop calls in turn.
     model_->process_block(window_in_.data(), samples, out_a_.data(), out_b_.data());
     ++frame_count_;
     if (frame_count_ < 3) out_a_.fill(0.0f);
     ++frame_count_;
     if (frame_count_ < 3) out_b_.fill(0.0f);
 
-    // Step 4 before the overlap-add, which may overwrite `samples`.
+    // The next block's first window reads this block's input: keep it before
+    // the overlap-add, which may overwrite `samples`.
     std::memcpy(previous_input_.data(), samples, block * sizeof(float));
 
-    // Steps 5-6: overlap-add and clip.
+    // Overlap-add and clip.
     for (int32_t i = 0; i < hop; ++i) {
         output[i] = std::clamp(overlap_[i] + out_a_[i], -1.0f, 1.0f);
         output[hop + i] = std::clamp(out_a_[hop + i] + out_b_[i], -1.0f, 1.0f);

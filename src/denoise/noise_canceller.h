@@ -1,8 +1,8 @@
-// The per-participant DFN noise canceller of spec Part 5.2: re-blocks host
+// The per-participant DFN noise canceller: re-blocks host
 // frames to 480-sample blocks, frames each block as two hops of the model,
 // overlap-adds, dithers and clips, and returns the input delayed to line up
 // with the cleaned signal (1200 samples; + frame_length for 512 and 1024).
-// Created and destroyed with its participant, logging the Part's lines; used
+// Created and destroyed with its participant, logging a line at each; used
 // only by the thread that feeds the participant's input; process() never
 // allocates, locks or fails.
 #pragma once
@@ -20,19 +20,19 @@ namespace quelora::denoise {
 
 class noise_canceller {
 public:
-    // noise_canceller_create: sample_rate is stored only (the model always
-    // runs at 48000 Hz); channels 1 or 2; frame_length >= 1 samples per
-    // channel per call. table defaults to the compiled-in weights.
+    // sample_rate is stored only (the model always runs at 48000 Hz); channels
+    // 1 or 2; frame_length >= 1 samples per channel per call. table defaults to
+    // the compiled-in weights.
     noise_canceller(uint32_t sample_rate, uint32_t channels, uint32_t frame_length,
                     const float* table = dfn_default_weights());
-    ~noise_canceller(); // noise_canceller_destroy
+    ~noise_canceller();
     noise_canceller(const noise_canceller&) = delete;
     noise_canceller& operator=(const noise_canceller&) = delete;
 
-    // noise_canceller_process: input is frame_length mono samples; output
-    // receives frame_length samples per channel (planar; input and output
-    // may be the same buffer); dry_output receives frame_length samples of
-    // the delayed unprocessed input.
+    // `input` is frame_length mono samples; output receives frame_length
+    // samples per channel (planar; input and output may be the same buffer);
+    // dry_output receives frame_length samples of the delayed unprocessed
+    // input.
     void process(const float* input, float* output, float* dry_output);
 
     uint32_t sample_rate() const { return sample_rate_; }

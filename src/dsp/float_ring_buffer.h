@@ -1,9 +1,9 @@
-// The float ring buffer (FIFO) of the spec's Overview: a multi-channel ring
-// of power-of-two capacity used for re-blocking (Parts 4.1, 4.2, 4.5, 5.2,
-// 5.3). All-or-nothing: a write is accepted whole only if it fits, a read
-// succeeds whole only if enough frames wait. Storage is allocated once at
-// construction; reads and writes never allocate. Not thread-safe: the owner
-// serialises access (its participant or engine mutex).
+// The float ring buffer (FIFO): a multi-channel ring of power-of-two
+// capacity for re-blocking a stage's input into its own hop length (the
+// noise canceller's, for one). All-or-nothing: a write is accepted whole only
+// if it fits, a read succeeds whole only if enough frames wait. Storage is
+// allocated once at construction; reads and writes never allocate. Not
+// thread-safe: the owner serialises access (its participant or engine mutex).
 #pragma once
 
 #include <cstdint>

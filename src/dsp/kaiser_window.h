@@ -1,6 +1,6 @@
 // The Kaiser window and the zeroth-order modified Bessel function of the
 // first kind it is built on. Used to design windowed-sinc filters (the
-// polyphase resampler of the Overview, Parts 4.1 and 4.2). Double precision
+// polyphase resampler). Double precision
 // throughout: these run once at construction, never per block.
 #pragma once
 

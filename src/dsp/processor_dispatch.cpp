@@ -6,7 +6,7 @@ namespace quelora::dsp {
 namespace {
 
 std::mutex dispatch_mutex;
-bool dispatch_initialised = false; // never cleared (Part 2.1)
+bool dispatch_initialised = false; // never cleared: the processor does not change
 processor_features features;
 
 } // namespace

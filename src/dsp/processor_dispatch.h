@@ -1,4 +1,4 @@
-// Processor dispatch, initialised once per process (spec Part 2.1 step 6):
+// Processor dispatch, initialised once per process:
 // the instruction-set extensions the vector kernels may select from.
 #pragma once
 

@@ -1,4 +1,4 @@
-// KissFFT behind the real_fft facade (see real_fft.h; spec Part 5.2).
+// KissFFT behind the real_fft facade (see real_fft.h).
 #include "dsp/real_fft.h"
 
 #include <kissfft/kiss_fftr.h>

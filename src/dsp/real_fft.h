@@ -1,5 +1,5 @@
 // A real-input FFT of one even size, the transform behind the noise
-// canceller's spectra (spec Part 5.2: 480 points) and the later uses
+// canceller's spectra (480 points) and the later uses
 // docs/design.md plans (1024 .. 16384). A thin facade over KissFFT (float):
 // the plans and all scratch are made in the constructor, so forward and
 // inverse never allocate. Both directions are unnormalised, as KissFFT's are:

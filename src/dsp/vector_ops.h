@@ -1,5 +1,5 @@
-// Float vector primitives of the audio path (the spec's vendor-library
-// operations: copy, set, scale, add, multiply-add by a constant). Plain loops
+// Float vector primitives of the audio path (copy, set, scale, add,
+// multiply-add by a constant). Plain loops
 // over restrict pointers, written so the compiler vectorises them; none
 // allocates. Counts are sample counts; a count of 0 or less does nothing.
 #pragma once

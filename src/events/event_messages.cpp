@@ -1,6 +1,5 @@
-// The JSON event messages of spec Part 6.1 (messages table): one compact
-// object per notification, keys in the table's order, numbers as JSON
-// integers.
+// The JSON event messages: one compact object per notification, keys in a
+// fixed order (docs/websocket.md lists them), numbers as JSON integers.
 #include "events/event_messages.h"
 
 #include "api/controls.h"
@@ -12,7 +11,7 @@ namespace {
 
 // ordered_json keeps keys in insertion order; the default nlohmann::json
 // sorts them alphabetically, which would put e.g. "azimuth_heading" before
-// "room_id" and break the table's order.
+// "room_id" and change the order clients see.
 using message = nlohmann::ordered_json;
 
 message event(const char* name, int32_t room_id) {
@@ -59,7 +58,7 @@ std::string add_participant_message(int32_t room_id, int32_t participant_id, con
     object["seat_z"] = snapshot.seat.z;
     object["azimuth_heading"] = snapshot.seat.azimuth;
     object["elevation_heading"] = snapshot.seat.elevation;
-    // At the top level (the Part leaves nesting open): one key per control.
+    // At the top level, not nested: one key per control, under its name.
     for (int32_t control = 1; control <= control_count; ++control) {
         object[control_name(control)] = snapshot.controls[static_cast<size_t>(control - 1)];
     }

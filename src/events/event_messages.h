@@ -1,6 +1,6 @@
-// The JSON text of each event message of spec Part 6.1: one compact object
-// per notification, "Event" first, then the table's keys in the table's
-// order (nlohmann::ordered_json: the default json type sorts keys).
+// The JSON text of each event message: one compact object per notification,
+// "Event" first, then the event's keys in a fixed order (docs/websocket.md;
+// nlohmann::ordered_json, since the default json type sorts keys).
 #pragma once
 
 #include "conference/event_sink.h"

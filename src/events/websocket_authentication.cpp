@@ -1,5 +1,5 @@
-// The client check of the websocket transport (spec Part 6.1, left to the
-// implementer): header or query parameter key=value.
+// The client check of the websocket transport: header or query parameter
+// key=value.
 #include "events/websocket_authentication.h"
 
 namespace quelora::events {

@@ -1,8 +1,8 @@
-// The client check of the websocket transport (spec Part 6.1 leaves the
-// authentication "by key and value" to the implementer): an upgrade request
-// is accepted when a header named authentification_key carries exactly
+// The client check of the websocket transport: an upgrade request is
+// accepted when a header named authentification_key carries exactly
 // authentification_value, or when its query string carries the parameter
-// key=value. Kept free of Beast so that the matching rules can be tested on
+// key=value (for clients, such as browsers, that cannot set request
+// headers). Kept free of Beast so that the matching rules can be tested on
 // plain strings.
 #pragma once
 

@@ -1,11 +1,10 @@
-// Reading the websocket configuration file: spec Part 6.1, "Construction from
-// a configuration path", steps 1-3. Each failure is one quelora_exception
-// with the Part's exact message (logged once by its constructor); nothing of
-// the JSON library escapes.
+// Reading the websocket configuration file: the file, its JSON, then the
+// seven keys. Each failure is one quelora_exception with its own exact
+// message (logged once by its constructor); nothing of the JSON library
+// escapes.
 //
-// The Part says a key that is "missing or of the wrong type" is rejected but
-// leaves "invalid" open beyond that. The choices made here, because each
-// value is used later by the transport:
+// A key that is missing or of the wrong type is rejected, and so is a value
+// the transport could not use later:
 // - port: a JSON number whose value is a whole number in 1..65535 (8080 and
 //   8080.0 alike); 0, negatives, 65536 and above, fractions, strings and
 //   booleans are rejected. A TCP port cannot be anything else.

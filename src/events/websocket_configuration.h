@@ -1,6 +1,5 @@
-// The websocket configuration file of spec Part 6.1: seven required keys,
-// kept as read. Reading is Part 6.1's construction steps 1-3, each failure
-// with its exact message.
+// The websocket configuration file: seven required keys, kept as read. Each
+// reading failure has its own exact message.
 #pragma once
 
 #include <cstdint>
@@ -18,13 +17,14 @@ struct websocket_configuration {
     std::string authentification_value;
 };
 
-// Throws quelora_exception (QEL_ERROR_INVALID_VALUE) with the Part's message
+// Throws quelora_exception (QEL_ERROR_INVALID_VALUE) with its own message
 // for a null path (level 3), a path that cannot be opened for reading (missing,
 // or a directory), a file that is not JSON, and the first key in table order
 // that is missing or invalid (level 4). What "invalid" means for each key is
 // set out at the top of websocket_configuration.cpp.
 websocket_configuration read_websocket_configuration(const char* path);
-// Step 3 alone, on the file's text; path only names the file in messages.
+// Parsing and the key checks alone, on the file's text; path only names the
+// file in messages.
 websocket_configuration parse_websocket_configuration(const std::string& text, const char* path);
 
 } // namespace quelora::events

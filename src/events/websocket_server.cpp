@@ -1,4 +1,4 @@
-// qel_websocket_server (spec Part 6.1): notifications to messages.
+// qel_websocket_server: notifications to messages.
 #include "events/websocket_server.h"
 
 #include "api/quelora_exception.h"

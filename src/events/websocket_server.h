@@ -1,8 +1,8 @@
-// qel_websocket_server of spec Part 6.1: an event sink that turns each of
-// the ten notifications into its JSON message and hands it to the TLS
-// websocket transport. Created at initialisation from the configuration
-// file (Part 2.1 step 5), listening from qel_enable_websockets on
-// (interface.md), stopped and joined when the library is destroyed.
+// qel_websocket_server: an event sink that turns each of the ten
+// notifications into its JSON message and hands it to the TLS websocket
+// transport. Created at initialisation from the configuration file,
+// listening from qel_enable_websockets on, stopped and joined when the
+// library is destroyed.
 #pragma once
 
 #include "conference/event_sink.h"
@@ -16,9 +16,9 @@ namespace quelora::events {
 
 class qel_websocket_server final : public event_sink {
 public:
-    // Reads the configuration (throws quelora_exception with Part 6.1's
-    // messages); does not listen yet. reader must outlive the server's
-    // notifications: it is the conference that notifies it.
+    // Reads the configuration (throws quelora_exception with the
+    // configuration's messages); does not listen yet. reader must outlive
+    // the server's notifications: it is the conference that notifies it.
     qel_websocket_server(const char* configuration_path, const notification_reader& reader,
                          transport_limits limits = {});
 
@@ -35,7 +35,7 @@ public:
     void create_room(int32_t room_id) override;
     void destroy_room(int32_t room_id) override;
     // Fills the seat and control fields from inside the notification, under
-    // the library lock the notifying call holds (Part 6.1; docs/design.md).
+    // the library lock the notifying call holds (docs/design.md).
     void add_participant(int32_t room_id, int32_t participant_id, const char* name,
                          const qel_participant_configuration* configuration) override;
     void remove_participant(int32_t room_id, int32_t participant_id) override;

@@ -1,8 +1,7 @@
-// One client connection of the websocket transport (spec Part 6.1, left to
-// the implementer). Every handler holds the session by shared_ptr, so a
-// session lives until its last operation has completed; once closed_ is set
-// the completions are ignored, so a connection is reported and deregistered
-// exactly once.
+// One client connection of the websocket transport. Every handler holds the
+// session by shared_ptr, so a session lives until its last operation has
+// completed; once closed_ is set the completions are ignored, so a
+// connection is reported and deregistered exactly once.
 #include "events/websocket_session.h"
 
 #include "events/websocket_authentication.h"
@@ -188,7 +187,7 @@ void websocket_session::on_read(error_code error) {
                      reason.c_str());
         return finish();
     }
-    // Clients have nothing to say (Part 6.1 publishes only).
+    // Clients have nothing to say: the server only publishes.
     buffer_.consume(buffer_.size());
     read_next();
 }

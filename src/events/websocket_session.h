@@ -1,9 +1,8 @@
-// One client connection of the websocket transport (spec Part 6.1 leaves the
-// transport to the implementer): TLS handshake, upgrade request, the
-// key/value check, the websocket accept, then a bounded send queue and a
-// read loop that only notices pings, closes and disconnects. Everything
-// here runs on the transport's one I/O thread, so nothing is locked except
-// the client count that other threads read.
+// One client connection of the websocket transport: TLS handshake, upgrade
+// request, the key/value check, the websocket accept, then a bounded send
+// queue and a read loop that only notices pings, closes and disconnects.
+// Everything here runs on the transport's one I/O thread, so nothing is
+// locked except the client count that other threads read.
 #pragma once
 
 #include "events/websocket_configuration.h"

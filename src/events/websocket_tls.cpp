@@ -1,8 +1,7 @@
-// The TLS set-up of the websocket transport (spec Part 6.1, left to the
-// implementer). The files are read here rather than by OpenSSL so that a
-// file that cannot be opened is reported with the system's reason ("No such
-// file or directory") instead of an OpenSSL error stack; what OpenSSL then
-// rejects is reported with OpenSSL's reason.
+// The TLS set-up of the websocket transport. The files are read here rather
+// than by OpenSSL so that a file that cannot be opened is reported with the
+// system's reason ("No such file or directory") instead of an OpenSSL error
+// stack; what OpenSSL then rejects is reported with OpenSSL's reason.
 #include "events/websocket_tls.h"
 
 #include "api/quelora_exception.h"

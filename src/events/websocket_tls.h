@@ -1,7 +1,7 @@
-// The TLS set-up of the websocket transport (spec Part 6.1 leaves it to the
-// implementer): the certificate chain, the private key decrypted with the
-// configured pass phrase and the Diffie-Hellman parameters, each failure
-// reported with the file's name and the reason.
+// The TLS set-up of the websocket transport: the certificate chain, the
+// private key decrypted with the configured pass phrase and the
+// Diffie-Hellman parameters, each failure reported with the file's name and
+// the reason.
 #pragma once
 
 #include "events/websocket_configuration.h"

@@ -1,7 +1,6 @@
-// The websocket transport of spec Part 6.1 (left to the implementer): the
-// listener, the one I/O thread, broadcast() and stop(). Other threads only
-// touch `pending` and `running` under the mutex and post to the io_context;
-// everything else belongs to the I/O thread.
+// The websocket transport: the listener, the one I/O thread, broadcast() and
+// stop(). Other threads only touch `pending` and `running` under the mutex
+// and post to the io_context; everything else belongs to the I/O thread.
 #include "events/websocket_transport.h"
 
 #include "api/quelora_exception.h"

@@ -1,9 +1,8 @@
-// The websocket transport of spec Part 6.1 (left to the implementer there;
-// docs/websocket.md): TLS websockets with Boost.Beast over Boost.Asio and
-// OpenSSL, one I/O thread owned by this object (the only thread the library
-// starts, docs/design.md). Callers on audio or control threads never wait
-// for the network: broadcast() only queues, and a client that cannot keep
-// up is dropped, never the caller.
+// The websocket transport (docs/websocket.md): TLS websockets with
+// Boost.Beast over Boost.Asio and OpenSSL, one I/O thread owned by this
+// object (the only thread the library starts, docs/design.md). Callers on
+// audio or control threads never wait for the network: broadcast() only
+// queues, and a client that cannot keep up is dropped, never the caller.
 #pragma once
 
 #include "events/websocket_configuration.h"

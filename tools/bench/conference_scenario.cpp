@@ -63,12 +63,12 @@ private:
 
 bool conference_run::set_up(std::string& error) {
     output_frames_ = config_.output_rate / 100; // 10 ms blocks
-    // Part 4.1: required input frames = output frames x input rate / output rate.
+    // The library's required input frames: output frames x input rate / output rate.
     input_frames_ = static_cast<int32_t>(static_cast<int64_t>(output_frames_) *
                                          config_.input_rate / config_.output_rate);
     const qel_library_configuration configuration{config_.output_rate, output_frames_, 2, true, 3};
     int code = QEL_ERROR_NONE;
-    // A null layout path selects the built-in fallback layout (Part 2.1).
+    // A null layout path selects the built-in fallback layout.
     handle_ = qel_initialize_library_from_memory(nullptr, nullptr, configuration, &code);
     if (handle_ == nullptr) return check(code == QEL_ERROR_NONE ? -1 : code, "initialise", error);
     output_.assign(2 * static_cast<size_t>(output_frames_), 0.0f);

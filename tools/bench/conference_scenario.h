@@ -16,7 +16,7 @@ struct scenario {
     int32_t input_rate = 48000;
     int32_t output_rate = 48000;
     bool mixing_3d = false;   // QEL_CONTROL_MIXING_3D_ENABLE for everybody
-    bool noise_cancellation = false; // QEL_CONTROL_ANC_ENABLE for everybody (DFN, Part 5.2)
+    bool noise_cancellation = false; // QEL_CONTROL_ANC_ENABLE for everybody (DFN)
 };
 
 // How long to measure: at least min_blocks periods, then more until

@@ -1,8 +1,8 @@
-// quelora_micro_bench (make bench): the per-block building blocks of the
-// audio path in isolation: sample conversion (Parts 4.1 step 2, 4.2 step 9),
-// the polyphase resampler, the peak limiter, the float ring buffer and the
-// listener engine's submit and mix (Part 4.2). micro_bench_calls.cpp adds the
-// input and output chains and whole audio calls through the C interface.
+// quelora_micro_bench (make bench): the per-block building blocks of the audio
+// path in isolation: sample conversion (in and out), the polyphase resampler,
+// the peak limiter, the float ring buffer and the listener engine's submit and
+// mix. micro_bench_calls.cpp adds the input and output chains and whole audio
+// calls through the C interface.
 #include "micro_bench_common.h"
 
 #include "dsp/float_ring_buffer.h"
@@ -126,7 +126,8 @@ void BM_PeakLimiter(benchmark::State& state) {
 }
 BENCHMARK(BM_PeakLimiter);
 
-// Re-blocking as Parts 4.5, 5.2 and 5.3 use it: one stereo block in, one out.
+// Re-blocking as a stage with its own hop length uses it: one stereo block in,
+// one out.
 void BM_RingBufferWriteRead(benchmark::State& state) {
     dsp::float_ring_buffer ring(stereo, 2048);
     std::vector<float> in(stereo * block_frames, 0.25f);

@@ -1,7 +1,7 @@
-// quelora_micro_bench, part 2: the input and output chains on their own
-// (Parts 4.1 and 4.2, no locks, no lookup) and whole audio calls through the
-// C interface (lookup, locks, chain, submission to every listener), so the
-// difference is the cost of the call around the chain.
+// quelora_micro_bench, part 2: the input and output chains on their own (no
+// locks, no lookup) and whole audio calls through the C interface (lookup,
+// locks, chain, submission to every listener), so the difference is the cost of
+// the call around the chain.
 #include "micro_bench_common.h"
 
 #include "audio/input_chain.h"

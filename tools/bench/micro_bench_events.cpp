@@ -1,7 +1,7 @@
-// quelora_micro_bench (make bench): what one websocket event (spec Part 6.1)
-// costs the host thread that made the change: building its JSON text. The
-// rest (the queue append under a mutex, the sending) happens on the
-// transport's I/O thread or is a few instructions.
+// quelora_micro_bench (make bench): what one websocket event costs the host
+// thread that made the change: building its JSON text. The rest (the queue
+// append under a mutex, the sending) happens on the transport's I/O thread or
+// is a few instructions.
 #include "micro_bench_common.h"
 
 #include "events/event_messages.h"

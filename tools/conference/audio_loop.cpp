@@ -12,7 +12,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
-// The three entry points per sample type (Parts 4.1, 4.2).
+// The input and output entry points of each of the three sample types.
 template <typename Sample>
 struct audio_calls;
 
@@ -61,9 +61,9 @@ struct audio_calls<double> {
     static double to_unit(double x) { return x; }
 };
 
-// Frames per input call as the library computes them (Part 4.1, and
-// docs/design.md): the rate ratio in single precision, the product with the
-// output frames taken exactly, truncated.
+// Frames per input call as the library computes them (docs/design.md): the rate
+// ratio in single precision, the product with the output frames taken exactly,
+// truncated.
 int required_input_frames(const qel_library_configuration& c, int input_rate) {
     const float ratio = static_cast<float>(input_rate) / static_cast<float>(c.output_sampling_rate);
     return static_cast<int>(static_cast<double>(c.output_number_frames) * static_cast<double>(ratio));
@@ -71,7 +71,7 @@ int required_input_frames(const qel_library_configuration& c, int input_rate) {
 
 // One block of a talker's clip from first_frame on (silence outside it), in
 // the layout the library expects: interleaved, or planar for a stereo block
-// when the interleaved flag is off (Part 4.1).
+// when the interleaved flag is off.
 template <typename Sample>
 void fill_input_block(const talker& t, int64_t first_frame, int frames, bool interleaved,
                       std::vector<Sample>& block) {
@@ -149,7 +149,7 @@ bool run_typed(const options& opts, const library_session& session, const std::v
     for (int64_t block = 0; block < result.blocks; ++block) {
         double input_time = 0.0;
         for (const auto& p : participants) {
-            if (p.talker_index < 0) continue; // listener only: nothing to send (Part 4.1)
+            if (p.talker_index < 0) continue; // listener only: nothing to send
             fill_input_block(talkers[static_cast<size_t>(p.talker_index)], block * in_frames, in_frames,
                              configuration.interleaved, input_block);
             const auto start = clock_type::now();

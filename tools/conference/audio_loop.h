@@ -1,6 +1,6 @@
 // The conferencing server's audio cycle: every block, one input call per
-// talking participant and one output call per participant (Overview, "The
-// audio cycle"), then one WAV per listener.
+// talking participant and one output call per participant, then one WAV per
+// listener.
 #pragma once
 
 #include "library_session.h"

@@ -6,19 +6,19 @@ namespace quelora::conference {
 
 namespace {
 
-// Spatial filter length 2048 taps (Part 2.1): the middle of the range, as
-// the control-plane demo uses.
+// Spatial filter length 2048 taps: the middle of the range, as the
+// control-plane demo uses.
 constexpr int32_t spatial_quality = 3;
 
-// Where an open room leaves participants (all at the origin, Part 3.2), the
-// host places them: evenly on a circle of this radius, facing its centre.
+// Where an open room leaves participants (all at the origin), the host places
+// them: evenly on a circle of this radius, facing its centre.
 constexpr int32_t circle_radius = 150;
 
 } // namespace
 
 std::string describe_failure(const char* call, int code) {
     if (code == QEL_ERROR_NONE) return {};
-    // -9988 and -9980 have no name and render as "QEL_ERROR_NONE" (Part 2.1).
+    // -9988 and -9980 have no name and render as "QEL_ERROR_NONE".
     const std::string name = qel_error_code_to_string(code);
     return std::string(call) + " failed: " +
            (name == "QEL_ERROR_NONE" ? std::string("unnamed error code") : name) + " (" +
@@ -45,8 +45,8 @@ bool library_session::open(const options& opts, const std::vector<talker>& talke
     configuration_.interleaved = opts.interleaved;
     configuration_.spatial_quality = spatial_quality;
     int code = QEL_ERROR_NONE;
-    // --fallback goes through the entry point that falls back by design
-    // (Part 2.1); a plain null path would give the same layout silently.
+    // --fallback goes through the entry point that falls back by design; a
+    // plain null path would give the same layout silently.
     handle_ = opts.fallback
                   ? qel_initialize_library_from_memory(nullptr, nullptr, configuration_, &code)
                   : qel_initialize_library(opts.layouts_file.c_str(), nullptr, configuration_, &code);
@@ -110,7 +110,7 @@ bool library_session::place_in_circle(session_error& error) {
         const qel_position position{static_cast<int32_t>(std::lround(circle_radius * std::sin(radians))), 0,
                                     static_cast<int32_t>(std::lround(circle_radius * std::cos(radians)))};
         // Facing the centre: the direction back to the origin, with azimuth 0
-        // along +z and positive azimuths towards +x (Part 3.3).
+        // along +z and positive azimuths towards +x (the library's convention).
         double facing = angle + 180.0;
         if (facing > 180.0) facing -= 360.0;
         const qel_heading heading{static_cast<int32_t>(std::lround(facing)), 0};

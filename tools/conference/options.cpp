@@ -27,7 +27,7 @@ bool is_library_rate(int rate) {
 
 // "CONTROL=VALUE" through the library's own vocabulary. The value converter
 // answers QEL_ERROR_INVALID_VALUE for text it rejects; the literal "-9990"
-// reads the same, a collision Part 1.4 accepts, and no control takes -9990.
+// reads the same, a harmless collision, since no control takes -9990.
 bool parse_control(const std::string& text, control_setting& out, std::string& message) {
     const auto equals = text.find('=');
     if (equals == std::string::npos || equals == 0 || equals + 1 == text.size()) {

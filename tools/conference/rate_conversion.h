@@ -1,6 +1,6 @@
-// Host-side sample-rate conversion: the library accepts only 8, 16, 24, 32
-// and 48 kHz input (Part 3.2), so a conferencing server converts whatever
-// its clients send before the input call. Here that is libsoxr.
+// Host-side sample-rate conversion: the library accepts only 8, 16, 24, 32 and
+// 48 kHz input, so a conferencing server converts whatever its clients send
+// before the input call. Here that is libsoxr.
 #pragma once
 
 #include "wav_io.h"

@@ -10,13 +10,13 @@ namespace quelora::conference {
 
 namespace {
 
-// The initial control values of a new participant (Part 3.4), before a
-// layout's default states apply.
+// The initial control values of a new participant, before a layout's default
+// states apply.
 constexpr int initial_values[17] = {0,   0, 0, 0, 1, 100, 0, 0, 0, 6,
                                     300, 1, 1, 15, 100, 0, 0};
 
 // "round_table (id 1): Six seats around ..." from the library's copy of the
-// room configuration document (Part 2.2).
+// room configuration document.
 std::string describe_layout(qel_handle handle, int layout_id) {
     const auto document = nlohmann::json::parse(qel_get_json_all_room_layouts(handle), nullptr, false);
     if (document.is_object() && document.contains("room_list") && document["room_list"].is_object()) {
@@ -147,7 +147,7 @@ void print_summary(const options& opts, const library_session& session,
     std::printf("\n== Quelora %s conference simulator ==\n", qel_get_version());
     std::printf("Room layouts: %s\n", opts.fallback ? "the built-in fallback" : opts.layouts_file.c_str());
     std::printf("Layout: %s\n", describe_layout(session.handle(), session.layout_id()).c_str());
-    // The interleaved flag shapes only two-channel blocks (Parts 4.1, 4.2).
+    // The interleaved flag shapes only two-channel blocks.
     const char* layout = c.output_number_channels == 2 ? (c.interleaved ? "interleaved" : "planar")
                                                        : (c.interleaved ? "interleaved flag on"
                                                                         : "interleaved flag off");

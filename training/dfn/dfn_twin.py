@@ -1,12 +1,12 @@
-"""PyTorch twin of the DFN noise canceller (spec Part 5.2, decisions in docs/dfn.md).
+"""PyTorch twin of the DFN noise canceller (its design: docs/dfn.md).
 
 The C++ model runs one hop per call; this twin runs whole sequences at once with causal
 time padding, so that the same network can be trained on batches and used to produce the
 golden fixtures of the C++ test. Every step follows docs/dfn.md sections 2 to 5 literally:
 a change here is a change to the C++ code and makes every exported table obsolete.
 
-Sub-modules are named after the rows of Part 5.2's weight table (weight_table.py maps the
-48 rows to them, in order).
+Sub-modules are named after the rows of the weight table (weight_table.py maps the 48 rows
+to them, in order).
 """
 
 import math
@@ -27,13 +27,13 @@ TARGET_DELAY_HOPS = 4  # hop t rebuilds frame t - 4 (docs/dfn.md section 4)
 DF_LOOKBACK = 6        # the deep filter's oldest tap is frame t - 6
 DRY_DELAY = 1200
 ALPHA = 0.995
-# Part 5.2 "ERB band widths": the result of the construction given there.
+# The ERB band widths: what erb_widths_constructed() computes, written out.
 ERB_WIDTHS = [2] * 20 + [6, 8, 9, 10, 12, 14, 16, 18, 21, 25, 28, 34]
 assert len(ERB_WIDTHS) == ERB_BANDS and sum(ERB_WIDTHS) == BINS
 
 
-def erb_widths_from_spec():
-    """The band-width construction of Part 5.2, step by step (checked against ERB_WIDTHS)."""
+def erb_widths_constructed():
+    """The band-width construction, step by step (checked against ERB_WIDTHS)."""
     def erb(f):
         return 9.265 * math.log(1.0 + f / (24.7 * 9.265))
 
@@ -66,7 +66,7 @@ def vorbis_window():
 
 
 def dither(x):
-    """The wrapper's dither (Part 5.2 block routine step 1), float32, state from creation.
+    """The wrapper's dither (the block routine's first step), float32, state from creation.
 
     x: float32 array of whole 480-sample blocks. Returns a dithered copy."""
     x = np.array(x, dtype=np.float32, copy=True)
@@ -82,7 +82,7 @@ def dither(x):
 
 
 class GroupedLinear(nn.Module):
-    """Part 5.1 grouped linear layer: y[g*O/G + j] = sum_i x[g*I/G + i] W[g][i][j], no bias."""
+    """Grouped linear layer: y[g*O/G + j] = sum_i x[g*I/G + i] W[g][i][j], no bias."""
 
     def __init__(self, input_size, output_size, groups=8):
         super().__init__()
@@ -215,8 +215,8 @@ class DfnTwin(nn.Module):
     # ---- docs/dfn.md section 2: spectra and features -------------------------------------
     def analyse(self, hops):
         """hops [B, T, 480] -> (re, im) of X [B, T, 241] each."""
-        spec = torch.fft.rfft(hops * self.const("window"), dim=-1) * self.const("wnorm")
-        return spec.real.contiguous(), spec.imag.contiguous()
+        spectrum = torch.fft.rfft(hops * self.const("window"), dim=-1) * self.const("wnorm")
+        return spectrum.real.contiguous(), spectrum.imag.contiguous()
 
     @torch.no_grad()
     def features(self, xr, xi):
@@ -362,5 +362,5 @@ def process_signal_details(model, x):
 
 
 def process_signal(model, x):
-    """noise_canceller_process with frame length 480 over a whole float32 signal."""
+    """The C++ noise_canceller::process with frame length 480 over a whole float32 signal."""
     return process_signal_details(model, x)["output"]

@@ -1,4 +1,4 @@
-"""Evaluate a DFN weight table on held-out mixtures (SI-SDR), spec Part 5.2.
+"""Evaluate a DFN weight table on held-out mixtures (SI-SDR).
 
 Mixtures: speech of RAVDESS actors 19 and 20 (never trained on), noise from the held-out
 list that train.py wrote next to its table (or the same deterministic split recomputed),

@@ -1,4 +1,4 @@
-"""Golden fixtures of the C++ DFN noise canceller test (spec Part 5.2, docs/dfn.md section 7).
+"""Golden fixtures of the C++ DFN noise canceller test (docs/dfn.md section 7).
 
 Loads the portable random table (docs/dfn.md section 6) into a fresh DfnTwin, checks that
 export gives back the same bytes, and runs the whole-signal canceller (frame length 480) in

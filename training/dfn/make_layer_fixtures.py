@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Layer-by-layer reference fixtures for the C++ layers of spec Part 5.1.
+"""Layer-by-layer reference fixtures for the C++ layers of the DFN network.
 
 Each case builds one layer kind from torch.nn modules with float32 weights
 and inputs drawn from a fixed seed, evaluates it in float64, and writes
@@ -106,7 +106,7 @@ def batch_norm_case(name, gen, channels, t, f):
         bn.bias.copy_(f32(channels, gen, 0.2))
         bn.running_mean.copy_(f32(channels, gen, 0.2))
         var = 0.5 * torch.rand(channels, generator=gen)
-        var[0] = 0.0  # Part 5.1 edge case: divides by sqrt(1e-5)
+        var[0] = 0.0  # edge case: a zero variance divides by sqrt(1e-5), eps alone
         bn.running_var.copy_(var)
     bn.eval()
     x = f32((1, channels, t, f), gen)
@@ -150,7 +150,7 @@ def gru_case(name, gen, input_size, hidden_size, steps):
 def main():
     OUT_DIR.mkdir(parents=True, exist_ok=True)
     gen = torch.Generator().manual_seed(20240517)
-    # Part 5.2's rows (time, freq, Cin, Kt, Kf, stride, Cout, pad before/after, groups);
+    # The weight table's rows (time, freq, Cin, Kt, Kf, stride, Cout, pad before/after, groups);
     # the DF-side maps get fewer frequency bins than the model's 96 to keep
     # the files small (the bin count only sets the number of output positions).
     conv2d_case("conv_erb0_3x3", gen, 3, 32, 1, 3, 3, 1, 64, 0, 0, 1)              # row 1

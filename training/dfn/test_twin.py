@@ -1,8 +1,8 @@
 """Self-check of the DFN twin (not part of CI): /usr/bin/python3 training/dfn/test_twin.py
 
-The centre piece is a second, hop-by-hop implementation in numpy written from Part 5.2 and
-docs/dfn.md the way the C++ code is structured (one hop per call, histories, block routine
-with previous_input / overlap / frame_count), reading the flat weight table in order with
+The centre piece is a second, hop-by-hop implementation in numpy written from docs/dfn.md
+the way the C++ code is structured (one hop per call, histories, block routine with
+previous_input / overlap / frame_count), reading the flat weight table in order with
 hand-written shapes. It must agree with the twin's sequence mode (float64) to rounding; this
 checks the causal padding, the feature recursions, the lookahead, the framing and the table
 order at once.
@@ -16,7 +16,7 @@ import numpy as np
 import torch
 
 import weight_table as wt
-from dfn_twin import (DfnTwin, GroupedLinear, dither, erb_widths_from_spec, ERB_WIDTHS,
+from dfn_twin import (DfnTwin, GroupedLinear, dither, erb_widths_constructed, ERB_WIDTHS,
                       process_signal, process_signal_details, vorbis_window)
 
 torch.set_num_threads(1)
@@ -155,15 +155,15 @@ class ReferenceModel:
         self.unit_state = np.linspace(0.001, 0.0001, 96)
         self.erb_hist = np.zeros((1, 3, 32))
         self.cplx_hist = np.zeros((2, 3, 96))
-        self.spec_hist = np.zeros((7, 241), dtype=complex)   # t-6 .. t
+        self.spectra = np.zeros((7, 241), dtype=complex)      # t-6 .. t
         self.dfp_hist = np.zeros((64, 5, 96))                 # t-4 .. t
         self.band = np.repeat(np.arange(32), ERB_WIDTHS)
         self.last = {}
 
     def hop(self, window):
         X = np.fft.rfft(window * self.w) * self.wnorm
-        self.spec_hist = np.roll(self.spec_hist, -1, axis=0)
-        self.spec_hist[-1] = X
+        self.spectra = np.roll(self.spectra, -1, axis=0)
+        self.spectra[-1] = X
         power = np.abs(X) ** 2
         bands, s = [], 0
         for wdt in ERB_WIDTHS:
@@ -218,8 +218,8 @@ class ReferenceModel:
         c = coefs.reshape(96, 5, 2)
         C = c[:, :, 0] + 1j * c[:, :, 1]
 
-        Y = gains[self.band] * self.spec_hist[2]           # frame t - 4
-        Y[:96] = np.sum(C * self.spec_hist[0:5, :96].T, axis=1)  # frames t-6 .. t-2
+        Y = gains[self.band] * self.spectra[2]             # frame t - 4
+        Y[:96] = np.sum(C * self.spectra[0:5, :96].T, axis=1)  # frames t-6 .. t-2
         out = np.fft.irfft(Y, 480) * 480 * self.w
         self.last = dict(gains=gains, coefs=coefs.reshape(-1), erb=self.erb_hist.copy(),
                          cplx=self.cplx_hist.copy())
@@ -227,7 +227,7 @@ class ReferenceModel:
 
 
 def reference_canceller(table, x, keep_hop=None):
-    """Part 5.2's block routine around the reference model, frame length 480."""
+    """The canceller's block routine around the reference model, frame length 480."""
     model = ReferenceModel(table)
     previous = np.zeros(480)
     overlap = np.zeros(240)
@@ -269,8 +269,8 @@ def main():
     entries = wt.layout()
     check("layout: 1 517 904 floats in %d tensors" % len(entries),
           entries[-1].offset + entries[-1].count == wt.TABLE_FLOATS)
-    check("ERB band widths from the construction of Part 5.2",
-          erb_widths_from_spec() == ERB_WIDTHS)
+    check("ERB band widths from their construction",
+          erb_widths_constructed() == ERB_WIDTHS)
     w = vorbis_window()
     check("Vorbis window: sum w^2 = 240, w^2[n] + w^2[n+240] = 1",
           abs(np.sum(w * w) - 240) < 1e-9 and np.allclose(w[:240] ** 2 + w[240:] ** 2, 1))

@@ -1,4 +1,4 @@
-"""Train the DFN twin (spec Part 5.2) on noisy mixtures made on the fly, export the table.
+"""Train the DFN twin on noisy mixtures made on the fly, export the table.
 
 Speech: RAVDESS actors 01-18 of the data folder (19 and 20 are held out for evaluate.py).
 Noise: the files of noise/, split 80/20 by file within each subfolder with a fixed seed; the

@@ -1,9 +1,9 @@
-"""The DFN weight table (spec Part 5.2): layout, export, import and the portable random table.
+"""The DFN weight table: layout, export, import and the portable random table.
 
-The table is 1 517 904 little-endian float32 values, the 48 rows of Part 5.2's table back to
-back; inside each tensor the element order of docs/dfn.md section 1 (PyTorch's own order for
-every tensor of DfnTwin). The C++ side reads it through src/denoise/dfn_weight_layout.*,
-which encodes the same rows.
+The table is 1 517 904 little-endian float32 values, its 48 rows back to back; inside each
+tensor the element order of docs/dfn.md section 1 (PyTorch's own order for every tensor of
+DfnTwin). The C++ side reads it through src/denoise/dfn_weight_layout.*, which encodes the
+same rows.
 
     python3 weight_table.py            # prints the layout summary and the cross-check values
 """
@@ -17,7 +17,7 @@ import torch
 TABLE_FLOATS = 1517904
 TABLE_BYTES = 4 * TABLE_FLOATS
 
-# (row of Part 5.2, module of DfnTwin, form, floats of the row per Part 5.2's table)
+# (row of the table, module of DfnTwin, form, floats of the row)
 ROWS = [
     (1, "erb_conv0", "conv", 576), (2, "erb_conv0_bn", "bn", 4 * 64),
     (3, "erb_conv1_dw", "conv", 192), (4, "erb_conv1_pw", "conv", 4096),
