@@ -12,14 +12,9 @@ if(QUELORA_SANITIZE AND CMAKE_C_COMPILER_ID MATCHES "Clang")
   # checks, new/delete interceptors), which in turn need libstdc++.
   string(APPEND QUELORA_INSTALL_TEST_SANITIZE_FLAGS " -fsanitize-link-c++-runtime -lstdc++")
 endif()
-add_test(NAME install_consumer
-  COMMAND ${CMAKE_COMMAND}
-    -DBUILD_DIR=${PROJECT_BINARY_DIR}
-    -DPREFIX=${CMAKE_CURRENT_BINARY_DIR}/install-test/prefix
-    -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/install-test/work
-    -DCONSUMER_DIR=${CMAKE_CURRENT_SOURCE_DIR}/install_consumer
-    -DC_COMPILER=${CMAKE_C_COMPILER}
-    -DCONFIG=$<CONFIG>
-    "-DSANITIZE_FLAGS=${QUELORA_INSTALL_TEST_SANITIZE_FLAGS}"
-    -P ${CMAKE_CURRENT_SOURCE_DIR}/install_consumer/run_install_test.cmake)
+add_test(NAME install_consumer COMMAND ${CMAKE_COMMAND} -DBUILD_DIR=${PROJECT_BINARY_DIR}
+  -DPREFIX=${CMAKE_CURRENT_BINARY_DIR}/install-test/prefix -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/install-test/work
+  -DCONSUMER_DIR=${CMAKE_CURRENT_SOURCE_DIR}/install_consumer -DC_COMPILER=${CMAKE_C_COMPILER} -DCONFIG=$<CONFIG>
+  "-DSANITIZE_FLAGS=${QUELORA_INSTALL_TEST_SANITIZE_FLAGS}"
+  -P ${CMAKE_CURRENT_SOURCE_DIR}/install_consumer/run_install_test.cmake)
 set_tests_properties(install_consumer PROPERTIES TIMEOUT 120)

@@ -1,5 +1,4 @@
-# The shared library exports the qel_* functions of quelora.h and the two
-# logger classes only, and defines every control-plane function.
+# The library exports the functions of quelora.h and the two logger classes only (check_symbols.sh).
 add_test(NAME exported_symbols
   COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/check_symbols.sh
           $<TARGET_FILE:quelora> ${PROJECT_SOURCE_DIR}/include/quelora/quelora.h)

@@ -7,11 +7,8 @@
 int main(void)
 {
     const char* version = qel_get_version();
-    if (version == NULL || strcmp(version, "v1.0.23") != 0) {
-        printf("consumer: qel_get_version() returned \"%s\", want \"v1.0.23\"\n",
-               version ? version : "(null)");
-        return 1;
-    }
-    printf("consumer: qel_get_version() = %s\n", version);
-    return 0;
+    const int ok = version != NULL && strcmp(version, "v1.0.23") == 0;
+    printf(ok ? "consumer: qel_get_version() = %s\n" : "consumer: qel_get_version() returned \"%s\", want \"v1.0.23\"\n",
+           version ? version : "(null)");
+    return ok ? 0 : 1;
 }

@@ -3,16 +3,15 @@
 
 #include <quelora/quelora.h>
 
+#include <sstream>
 #include <string>
 
 namespace quelora::testing {
 
-inline qel_library_configuration default_configuration() {
-    return qel_library_configuration{48000, 480, 2, false, 3};
-}
+inline qel_library_configuration default_configuration() { return {48000, 480, 2, false, 3}; }
 
 inline qel_participant_configuration regular(int32_t rate = 48000, int32_t channels = 1) {
-    return qel_participant_configuration{rate, channels, QEL_PARTICIPANT_REGULAR};
+    return {rate, channels, QEL_PARTICIPANT_REGULAR};
 }
 
 // Writes text to a fresh file under the test temp directory; returns its path.
@@ -24,14 +23,9 @@ public:
     // Null layout_file: the built-in fallback layout (an open room).
     explicit library_handle(const char* layout_file = nullptr,
                             qel_library_configuration configuration = default_configuration());
-    // Builds a library from layout JSON text written to a temp file.
-    static library_handle from_layout_text(const std::string& json_text,
-                                           qel_library_configuration configuration = default_configuration());
     ~library_handle();
-    library_handle(library_handle&& other) noexcept;
     library_handle(const library_handle&) = delete;
     library_handle& operator=(const library_handle&) = delete;
-    library_handle& operator=(library_handle&&) = delete;
 
     qel_handle get() const { return handle_; }
     operator qel_handle() const { return handle_; }
@@ -42,16 +36,30 @@ private:
     int error_ = 0;
 };
 
-// Queries that must succeed (a failure is reported as a test failure); the
-// returned value is a sentinel then.
+// Queries that must succeed (a failure is a test failure, and the value a sentinel then).
 int room_count(qel_handle handle);
 int participant_count(qel_handle handle, uint32_t room);
-int state_of(qel_handle handle, uint32_t room, uint32_t participant, qel_audio_control control);
-qel_seat seat_of(qel_handle handle, uint32_t room, uint32_t participant);
 
-// A closed layout with four seats on a circle of radius 100 around the
-// origin, ids 10 (no stacking, stackDelta 50) and 20 (stacking allowed),
-// plus an open layout with id 30; default "closed".
-std::string four_seat_layouts_json();
+// One "room_list" member: four seats on a circle of `radius` around the
+// origin, or one seat at the origin when radius is 0; stackDelta 50.
+inline std::string layout_json(const char* key, int id, bool open, bool stacking, int radius,
+                               const char* default_states = "{}") {
+    std::ostringstream out;
+    out << std::boolalpha << '"' << key << R"(": {"id": )" << id << R"(, "desc": "", "openRoom": )" << open
+        << R"(, "allowParticipantStacking": )" << stacking << R"(, "stackDelta": 50, "centerPoint": {"x": 0, "y": 0, "z": 0})"
+        << R"(, "defaultStates": )" << default_states << R"(, "seats": [)";
+    for (const auto& [x, z] : {std::pair{0, 1}, {1, 0}, {0, -1}, {-1, 0}}) {
+        out << (x + z == 1 && x == 0 ? "" : ", ") << R"({"x": )" << x * radius << R"(, "y": 0, "z": )" << z * radius << "}";
+        if (radius == 0) break;
+    }
+    out << "]}";
+    return out.str();
+}
+
+// Layouts 10 (default; closed, radius 100, no stacking), 20 (the same with stacking) and 30 (open).
+inline std::string four_seat_layouts_json() {
+    return R"({"default": "closed", "room_list": {)" + layout_json("closed", 10, false, false, 100) + ", " +
+           layout_json("stacking", 20, false, true, 100) + ", " + layout_json("open", 30, true, true, 0) + "}}";
+}
 
 } // namespace quelora::testing

@@ -1,7 +1,5 @@
 #include "support/log_capture.h"
 
-#include <algorithm>
-
 namespace quelora::testing {
 
 log_capture::log_capture(qel_log_level threshold) {
@@ -18,43 +16,18 @@ log_capture::~log_capture() {
     logger.initialize(nullptr);
 }
 
-void log_capture::handle(qel_log_level level, const char* message) {
-    std::lock_guard lock(mutex_);
-    lines_.push_back({level, message});
-}
-
-std::vector<log_line> log_capture::lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-}
-
-std::vector<std::string> log_capture::messages() const {
-    std::lock_guard lock(mutex_);
+std::vector<std::string> log_capture::select(const qel_log_level* level) const {
     std::vector<std::string> out;
-    for (const auto& line : lines_) out.push_back(line.message);
-    return out;
-}
-
-std::vector<std::string> log_capture::messages_at(qel_log_level level) const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> out;
-    for (const auto& line : lines_) {
-        if (line.level == level) out.push_back(line.message);
+    for (const auto& line : lines()) {
+        if (level == nullptr || line.level == *level) out.push_back(line.message);
     }
     return out;
 }
 
-bool log_capture::contains(const std::string& message) const { return count(message) > 0; }
-
 size_t log_capture::count(const std::string& message) const {
-    std::lock_guard lock(mutex_);
-    return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(),
-                                             [&](const log_line& l) { return l.message == message; }));
-}
-
-void log_capture::clear() {
-    std::lock_guard lock(mutex_);
-    lines_.clear();
+    size_t n = 0;
+    for (const auto& line : lines()) n += line.message == message ? 1 : 0;
+    return n;
 }
 
 } // namespace quelora::testing

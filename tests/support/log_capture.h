@@ -1,12 +1,11 @@
 // A qel_logger_handler that records every line, installed for one test's
-// lifetime with logging enabled at VERBOSE; restores the defaults after.
+// lifetime with logging enabled at `threshold`; restores the defaults after.
 #pragma once
 
 #include <quelora/qel_logger.h>
 
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace quelora::testing {
@@ -23,17 +22,26 @@ public:
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 
-    void handle(qel_log_level level, const char* message) override;
-
-    std::vector<log_line> lines() const;
-    std::vector<std::string> messages() const;
-    // Messages at one level only.
-    std::vector<std::string> messages_at(qel_log_level level) const;
-    bool contains(const std::string& message) const;
+    void handle(qel_log_level level, const char* message) override {
+        std::lock_guard lock(mutex_);
+        lines_.push_back({level, message});
+    }
+    std::vector<log_line> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        lines_.clear();
+    }
+    std::vector<std::string> messages() const { return select(nullptr); }
+    std::vector<std::string> messages_at(qel_log_level level) const { return select(&level); }
+    bool contains(const std::string& message) const { return count(message) > 0; }
     size_t count(const std::string& message) const;
-    void clear();
 
 private:
+    std::vector<std::string> select(const qel_log_level* level) const; // all levels when null
+
     mutable std::mutex mutex_;
     std::vector<log_line> lines_;
 };
