@@ -40,14 +40,16 @@ test: build
 # Speed, measured and reported, never asserted: the Google Benchmark suite of
 # the per-block hot paths (out/micro_bench.json), then the conference
 # benchmark (R rooms x P talkers on one thread, real-time factors and P_max,
-# out/bench.json). A few minutes; machines are shared, so compare ratios
-# taken in one run.
+# out/bench.json), then the polyphase resampler's quality beside libsoxr's
+# (out/resampler_quality.md). A few minutes; machines are shared, so compare
+# ratios taken in one run.
 BENCH_MIN_TIME ?= 0.2
 bench: build
 	mkdir -p out
 	$(BUILD_DIR)/tools/bench/quelora_micro_bench --benchmark_min_time=$(BENCH_MIN_TIME) \
 	  --benchmark_out=out/micro_bench.json --benchmark_out_format=json
 	$(BUILD_DIR)/tools/bench/quelora_conference_bench --out out/bench.json
+	$(BUILD_DIR)/tools/bench/quelora_resampler_quality --out out/resampler_quality.md
 
 # The conference simulator on its defaults: four synthesised talkers around
 # the shipped round table; one WAV per listener and a summary, under out/.
