@@ -1,279 +1,207 @@
-// The server flavour's websocket publishing through the C interface (spec
-// Part 2.1 step 5, Part 6.1, interface.md): the server is read at
-// initialisation in both entry points, qel_enable_websockets starts it,
-// qel_send_custom_websocket_event checks and sends host text, and a real
-// client (Python's websockets package, tests/websocket/ws_client.py)
-// receives a scripted session byte-exact and in order.
+// Websocket publishing through the C interface: both entry points on a bad configuration, a
+// session reaching a real client while another never reads, the library lock in a notification.
+#include "api/library.h"
+#include "events/event_messages.h"
+#include "events/websocket_server.h"
 #include "support/library_fixture.h"
 #include "support/log_capture.h"
 #include "support/websocket_fixture.h"
-#include "support/websocket_library.h"
 
 #include <gtest/gtest.h>
 #include <quelora/quelora.h>
 
-#include <chrono>
+#include <atomic>
+#include <cstdlib>
+#include <future>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace std::chrono_literals;
-using quelora::testing::log_capture;
-using quelora::testing::python_client;
-using quelora::testing::websocket_library;
+using namespace quelora::testing;
+using strings = std::vector<std::string>;
 
 namespace {
 
-const std::string unavailable_line =
-    "The library will work properly except qel_enable_websockets and qel_send_custom_websocket_event";
-
-const char* const not_configured_enable =
-    "The websocket server is not configured. Please give qel_initialize_library the path of a "
-    "valid websocket configuration file to use qel_enable_websockets.";
-
-std::string missing_file_message(const std::string& path) {
-    return path + " does not exist. Please check if the path to your websocket configuration file "
-                  "is correct.";
-}
-
-qel_handle from_memory(const char* websocket_path) {
+qel_handle initialize(const std::string& websocket_path, bool strict, const char* layouts = nullptr) {
     int error = 0;
-    qel_handle handle = qel_initialize_library_from_memory(
-        nullptr, websocket_path, quelora::testing::default_configuration(), &error);
-    EXPECT_EQ(error, QEL_ERROR_NONE);
+    qel_handle handle = (strict ? qel_initialize_library : qel_initialize_library_from_memory)(
+        layouts, websocket_path.c_str(), default_configuration(), &error);
+    EXPECT_EQ(error, handle != nullptr ? QEL_ERROR_NONE : QEL_ERROR_INVALID_VALUE);
     return handle;
 }
 
-// Lines at or above WARNING, in order.
-std::vector<std::string> warnings_and_errors(const log_capture& capture) {
-    std::vector<std::string> result;
+strings warnings_and_errors(const log_capture& capture) {
+    strings lines;
     for (const auto& line : capture.lines()) {
-        if (line.level >= QEL_LOG_WARNING) result.push_back(line.message);
+        if (line.level >= QEL_LOG_WARNING) lines.push_back(line.message);
     }
-    return result;
+    return lines;
+}
+
+// The add_participant message of a participant of room 1 in `seat` with the default controls.
+std::string add_message(int32_t id, const char* name, const qel_participant_configuration& c, qel_seat seat) {
+    return quelora::events::add_participant_message(
+        1, id, name, c, {seat, {0, 0, 0, 1, 100, 0, 0, 0, 6, 300, 1, 1, 15, 100, 0, 0}});
+}
+
+qel_handle locked_library = nullptr;
+std::thread waiting_writer, held_back_reader;
+std::atomic<bool> writer_was_waiting{false};
+
+// Runs inside the notification of qel_add_participant, with the library lock
+// held shared. Starts a room creation (exclusive) on another thread and
+// returns once the lock holds back new readers, i.e. once that writer waits:
+// from then on a second shared acquisition on this thread would deadlock.
+void start_waiting_writer(int32_t, int32_t, const char*, const qel_participant_configuration*) {
+    waiting_writer = std::thread([] { qel_create_room(locked_library, 99); });
+    for (int attempt = 0; attempt < 400 && !writer_was_waiting; ++attempt) {
+        auto done = std::make_shared<std::promise<void>>(); // outlives a held-back reader
+        std::thread reader([done] { int rooms = 0; qel_get_room_count(locked_library, &rooms); done->set_value(); });
+        if (done->get_future().wait_for(50ms) == std::future_status::timeout) {
+            held_back_reader = std::move(reader);
+            writer_was_waiting = true;
+        } else {
+            reader.join();
+        }
+    }
 }
 
 } // namespace
 
-// ---- Part 2.1 step 5, both entry points
-
-TEST(Part2_1_WebsocketStep5, StrictPathFailsOnABadConfiguration) {
+TEST(WebsocketLibrary, ABadConfigurationFailsStrictInitialisationAndIsOnlyLoggedFromMemory) {
     const std::string missing = "/nonexistent/quelora/websocket.json";
     log_capture capture;
-    int error = 0;
-    EXPECT_EQ(qel_initialize_library(nullptr, missing.c_str(), quelora::testing::default_configuration(),
-                                     &error),
-              nullptr);
-    EXPECT_EQ(error, QEL_ERROR_INVALID_VALUE);
-    EXPECT_EQ(capture.messages_at(QEL_LOG_ERROR), std::vector<std::string>{missing_file_message(missing)});
-
+    EXPECT_EQ(initialize(missing, true), nullptr);
+    EXPECT_EQ(warnings_and_errors(capture),
+              strings{missing + " does not exist. Please check if the path to your websocket configuration file "
+                                "is correct."});
     capture.clear();
-    const std::string no_port = quelora::testing::write_temp_file("websocket.json", R"({"port": 0})");
-    EXPECT_EQ(qel_initialize_library(nullptr, no_port.c_str(), quelora::testing::default_configuration(),
-                                     &error),
-              nullptr);
-    EXPECT_EQ(error, QEL_ERROR_INVALID_VALUE);
-    EXPECT_EQ(capture.messages_at(QEL_LOG_ERROR),
-              std::vector<std::string>{
-                  "The websocket configuration parameter 'port' is either missing or invalid."});
-}
-
-TEST(Part2_1_WebsocketStep5, FromMemoryCatchesConstructionFailures) {
-    const std::string bad_key = quelora::testing::write_temp_file(
-        "websocket.json", R"({"port": 9000, "cert_file_name": 7})");
-    log_capture capture;
-    qel_handle handle = from_memory(bad_key.c_str());
-    ASSERT_NE(handle, nullptr);
-    const std::vector<std::string> lines = warnings_and_errors(capture);
-    ASSERT_GE(lines.size(), 2u);
-    // The construction's own message, then the line of step 5 (the layout
-    // lines of the null layout path come before them).
-    EXPECT_EQ(lines[lines.size() - 2],
-              "The websocket configuration parameter 'cert_file_name' is either missing or invalid.");
-    EXPECT_EQ(lines.back(), unavailable_line);
-    // No server was kept.
+    qel_handle handle = initialize(write_temp_file("websocket.json", R"({"port": 9000, "cert_file_name": 7})"), false);
+    const strings lines = warnings_and_errors(capture); // after two about the null layout path
+    EXPECT_EQ(strings(lines.begin() + 2, lines.end()),
+              (strings{"The websocket configuration parameter 'cert_file_name' is either missing or invalid.",
+                       "The library will work properly except qel_enable_websockets and qel_send_custom_websocket_event"}));
     capture.clear();
     EXPECT_EQ(qel_enable_websockets(handle), QEL_ERROR_INVALID_VALUE);
-    EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING), std::vector<std::string>{not_configured_enable});
+    EXPECT_EQ(qel_send_custom_websocket_event(handle, "{}"), QEL_ERROR_INVALID_VALUE);
+    const std::string not_configured = "The websocket server is not configured. Please give qel_initialize_library "
+                                       "the path of a valid websocket configuration file to use ";
+    EXPECT_EQ(warnings_and_errors(capture), (strings{not_configured + "qel_enable_websockets.",
+                                                     not_configured + "qel_send_custom_websocket_event."}));
     EXPECT_EQ(qel_create_room(handle, 1), QEL_ERROR_NONE);
     EXPECT_EQ(qel_destroy_library(handle), QEL_ERROR_NONE);
 }
 
-TEST(Part2_1_WebsocketStep5, FromMemoryWithANullPathSaysTheServerIsDisabled) {
+TEST(WebsocketLibrary, ASessionReachesTheClientByteExactInOrderWhileAnotherNeverReads) {
+    const uint16_t port = free_tcp_port();
+    qel_handle library = initialize(write_websocket_configuration(test_websocket_configuration(port)), false,
+                                    write_temp_file("layouts.json", four_seat_layouts_json()).c_str());
     log_capture capture;
-    qel_handle handle = from_memory(nullptr);
-    ASSERT_NE(handle, nullptr);
-    const std::vector<std::string> warnings = capture.messages_at(QEL_LOG_WARNING);
-    ASSERT_GE(warnings.size(), 2u);
-    EXPECT_EQ(warnings[warnings.size() - 2],
-              "You disabled the websocket server by using NULL for the websocket config file path.");
-    EXPECT_EQ(warnings.back(), unavailable_line);
-    EXPECT_EQ(qel_destroy_library(handle), QEL_ERROR_NONE);
-}
+    ASSERT_EQ(qel_enable_websockets(library), QEL_ERROR_NONE);
+    ASSERT_EQ(qel_enable_websockets(library), QEL_ERROR_NONE);
+    EXPECT_EQ(warnings_and_errors(capture),
+              strings{"The websocket server is already listening on port " + std::to_string(port)});
+    // Seats are numbered from 1 and face the layout's centre; the texts
+    // themselves are checked in event_messages_test.cpp.
+    namespace ev = quelora::events;
+    strings expected = {ev::create_room_message(1), add_message(11, "Ana", regular(), {1, 0, 0, 100, 180, 0}),
+                        add_message(12, "Zo\xc3\xab", regular(16000, 2), {2, 100, 0, 0, -90, 0}),
+                        ev::move_participant_message(1, 12, {3, 0, 0, -100, 0, 0}),
+                        ev::set_participant_state_message(1, 11, QEL_CONTROL_MASTER_GAIN, 50),
+                        ev::set_all_participants_state_message(1, QEL_CONTROL_MUTE_ENABLE, 1),
+                        ev::set_room_layout_message(1, 30),
+                        ev::set_participant_position_message(1, 11, {10, -20, 30}, {45, -10}),
+                        ev::set_name_message(1, 12, "Zo\xc3\xab \"Z\"")};
+    // Custom events are sent as given once they pass as JSON of at most 1 MiB.
+    const std::string invalid = "Your custom websocket event is not valid JSON text";
+    std::string longest(1 << 20, 'x'), too_long((1 << 20) + 1, 'x'); // JSON strings of 1 MiB and one byte more
+    longest.front() = longest.back() = too_long.front() = too_long.back() = '"';
+    const std::vector<std::pair<std::string, std::string>> custom = {
+        {" {\"a\": [1, 2.5, null]} ", ""}, {"42", ""}, {"", invalid}, {"{\"a\":}", invalid}, {"[1,]", invalid},
+        {"{} {}", invalid}, {"\"unterminated", invalid}, {longest, ""},
+        {too_long, "Your custom websocket event is 1048577 bytes long but it may be at most 1048576 bytes long"}};
+    for (const auto& [text, warning] : custom) expected.insert(expected.end(), warning.empty() ? 1 : 0, text);
+    // 80 rounds of a 256 KiB custom event and a control change (20 MiB) overflow
+    // the never-reading client's 8 MiB queue and its socket buffers.
+    constexpr int rounds = 80;
+    python_client never_reads(port, with_key({"--mode", "never-read"}));
+    ASSERT_EQ(never_reads.read_line(), "connected 1");
+    python_client client(port, with_key({"--count", std::to_string(expected.size() + 2 * rounds + 2)}));
+    ASSERT_EQ(client.read_line(), "connected 1");
 
-TEST(Part2_1_WebsocketStep5, AGoodConfigurationBuildsAServerInBothEntryPoints) {
-    const auto configuration = quelora::testing::test_websocket_configuration(quelora::testing::free_tcp_port());
-    const std::string path = quelora::testing::write_websocket_configuration(configuration);
-    log_capture capture;
-    int error = 0;
-    qel_handle strict =
-        qel_initialize_library(nullptr, path.c_str(), quelora::testing::default_configuration(), &error);
-    ASSERT_NE(strict, nullptr);
-    EXPECT_EQ(error, QEL_ERROR_NONE);
-    qel_handle relaxed = from_memory(path.c_str());
-    ASSERT_NE(relaxed, nullptr);
-    // Nothing about websockets is logged at warning level or above (the null
-    // layout path of the from_memory entry logs its own two lines).
-    for (const std::string& line : warnings_and_errors(capture)) {
-        EXPECT_EQ(line.find("websocket"), std::string::npos) << line;
-    }
-    // Two libraries with one configuration: the first listens, the second
-    // finds the port taken and says so, and both keep working.
-    capture.clear();
-    EXPECT_EQ(qel_enable_websockets(strict), QEL_ERROR_NONE);
-    EXPECT_TRUE(capture.contains("The websocket server is listening on port " +
-                                 std::to_string(configuration.port)));
-    EXPECT_EQ(qel_enable_websockets(strict), QEL_ERROR_NONE);
-    EXPECT_TRUE(capture.contains("The websocket server is already listening on port " +
-                                 std::to_string(configuration.port)));
-    EXPECT_EQ(qel_enable_websockets(relaxed), QEL_ERROR_INVALID_VALUE);
-    EXPECT_TRUE(capture.contains("The websocket server could not listen on port " +
-                                 std::to_string(configuration.port) + ": Address already in use"));
-    EXPECT_EQ(qel_create_room(relaxed, 4), QEL_ERROR_NONE);
-    EXPECT_EQ(qel_destroy_library(strict), QEL_ERROR_NONE);
-    // The port is free again.
-    EXPECT_EQ(qel_enable_websockets(relaxed), QEL_ERROR_NONE);
-    EXPECT_EQ(qel_destroy_library(relaxed), QEL_ERROR_NONE);
-}
-
-// ---- the two exports (interface.md)
-
-TEST(Part6_1_WebsocketExports, WithoutAServerBothSayItIsNotConfigured) {
-    quelora::testing::library_handle library; // null websocket path: no server
-    log_capture capture;
-    EXPECT_EQ(qel_enable_websockets(library), QEL_ERROR_INVALID_VALUE);
-    EXPECT_EQ(qel_send_custom_websocket_event(library, "{}"), QEL_ERROR_INVALID_VALUE);
-    EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING),
-              (std::vector<std::string>{
-                  not_configured_enable,
-                  "The websocket server is not configured. Please give qel_initialize_library the "
-                  "path of a valid websocket configuration file to use "
-                  "qel_send_custom_websocket_event."}));
-    EXPECT_EQ(qel_enable_websockets(nullptr), QEL_ERROR_HANDLE_NULL);
-    EXPECT_EQ(qel_send_custom_websocket_event(nullptr, "{}"), QEL_ERROR_HANDLE_NULL);
-}
-
-TEST(Part6_1_WebsocketExports, CustomEventsAreCheckedAsJson) {
-    websocket_library library(quelora::testing::test_websocket_configuration(quelora::testing::free_tcp_port()));
-    ASSERT_EQ(library.init_error(), QEL_ERROR_NONE);
-    log_capture capture;
-    EXPECT_EQ(qel_send_custom_websocket_event(library, nullptr), QEL_ERROR_DATA_NULL);
-    EXPECT_EQ(capture.messages_at(QEL_LOG_ERROR),
-              std::vector<std::string>{"Your json_text pointer is null. Please initialize json_text "
-                                       "before passing to qel_send_custom_websocket_event."});
-    for (const char* invalid : {"", "{", "{\"a\":}", "[1,]", "nope", "{} {}", "\"unterminated"}) {
+    EXPECT_EQ(qel_create_room(library, 1), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_add_participant(library, 1, 11, "Ana", regular()), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_add_participant(library, 1, 12, "Zo\xc3\xab", regular(16000, 2)), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_set_participant_seat(library, 1, 12, 3), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_set_participant_state(library, 1, 11, QEL_CONTROL_MASTER_GAIN, 50), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_set_all_participants_state(library, 1, QEL_CONTROL_MUTE_ENABLE, 1), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_set_room_layout(library, 1, 30), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_set_participant_position(library, 1, 11, qel_position{10, -20, 30}, qel_heading{45, -10}),
+              QEL_ERROR_NONE);
+    EXPECT_EQ(qel_set_participant_name(library, 1, 12, "Zo\xc3\xab \"Z\""), QEL_ERROR_NONE);
+    for (const auto& [text, warning] : custom) {
         capture.clear();
-        EXPECT_EQ(qel_send_custom_websocket_event(library, invalid), QEL_ERROR_INVALID_VALUE) << invalid;
-        EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING),
-                  std::vector<std::string>{"Your custom websocket event is not valid JSON text"});
+        EXPECT_EQ(qel_send_custom_websocket_event(library, text.c_str()),
+                  warning.empty() ? QEL_ERROR_NONE : QEL_ERROR_INVALID_VALUE);
+        EXPECT_EQ(capture.messages(), warning.empty() ? strings{} : strings{warning}) << text.substr(0, 20);
     }
-    // Valid text before qel_enable_websockets: no client can be connected,
-    // nothing to send, no complaint.
     capture.clear();
-    for (const char* valid : {"{}", " {\"a\": [1, 2.5, null]} ", "42", "\"text\"", "[]"}) {
-        EXPECT_EQ(qel_send_custom_websocket_event(library, valid), QEL_ERROR_NONE) << valid;
+    // Audio and control calls keep returning while events pile up for the client that never reads.
+    std::vector<float> input(480, 0.25f), output(480 * 2);
+    for (int round = 0; round < rounds; ++round) {
+        expected.push_back(R"({"Event":"custom","i":)" + std::to_string(round) + R"(,"pad":")" +
+                           std::string(256 * 1024, 'x') + "\"}");
+        EXPECT_EQ(qel_send_custom_websocket_event(library, expected.back().c_str()), QEL_ERROR_NONE);
+        EXPECT_EQ(qel_set_participant_state(library, 1, 11, QEL_CONTROL_MASTER_GAIN, round), QEL_ERROR_NONE);
+        expected.push_back(ev::set_participant_state_message(1, 11, QEL_CONTROL_MASTER_GAIN, round));
+        EXPECT_EQ(qel_input_audio_float(library, 1, 11, input.data(), 480), QEL_ERROR_NONE);
+        const int code = qel_output_audio_float(library, 1, 11, output.data());
+        EXPECT_TRUE(code == QEL_ERROR_NONE || code == QEL_ERROR_NO_INPUT_AUDIO) << code;
     }
-    const std::string too_long = "\"" + std::string(size_t{1} << 20, 'x') + "\"";
-    EXPECT_EQ(qel_send_custom_websocket_event(library, too_long.c_str()), QEL_ERROR_INVALID_VALUE);
-    EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING),
-              std::vector<std::string>{"Your custom websocket event is 1048578 bytes long but it may "
-                                       "be at most 1048576 bytes long"});
+    EXPECT_EQ(qel_remove_participant(library, 1, 11), QEL_ERROR_NONE);
+    EXPECT_EQ(qel_destroy_room(library, 1), QEL_ERROR_NONE);
+    expected.insert(expected.end(), {ev::remove_participant_message(1, 11), ev::destroy_room_message(1)});
+
+    const strings received = client.read_output(1, "done")[0];
+    ASSERT_EQ(received.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(received[i], expected[i]) << "message " << i;
+    EXPECT_EQ(client.wait_exit(), 0);
+    EXPECT_TRUE(wait_until([&] { return warnings_and_errors(capture).size() == 1; }));
+    EXPECT_NE(warnings_and_errors(capture).at(0).find("could not keep up and was disconnected"), std::string::npos);
+    // Destroyed with a client connected that does not read: stopping does not wait for it.
+    python_client still_there(port, with_key({"--mode", "never-read"}));
+    ASSERT_EQ(still_there.read_line(), "connected 1");
+    const std::string& padded = expected[expected.size() - 4]; // the last 256 KiB custom event
+    for (int round = 0; round < 8; ++round) qel_send_custom_websocket_event(library, padded.c_str());
+    EXPECT_EQ(qel_destroy_library(library), QEL_ERROR_NONE);
+    EXPECT_TRUE(capture.contains("The websocket server stopped listening on port " + std::to_string(port)));
 }
 
-// ---- end to end, with a client that no one here wrote
-
-TEST(Part6_1_WebsocketEndToEnd, UnauthenticatedClientsAreRefused) {
-    const uint16_t port = quelora::testing::free_tcp_port();
-    websocket_library library(quelora::testing::test_websocket_configuration(port));
-    ASSERT_EQ(qel_enable_websockets(library), QEL_ERROR_NONE);
-    for (const std::vector<std::string>& credentials :
-         {std::vector<std::string>{}, std::vector<std::string>{"--header", "token=wrong"},
-          std::vector<std::string>{"--header", "other=secret"},
-          std::vector<std::string>{"--query", "token=wrong"}}) {
-        std::vector<std::string> arguments = credentials;
-        arguments.insert(arguments.end(), {"--count", "1", "--timeout", "20"});
-        python_client client(quelora::testing::ws_client_arguments(port, arguments));
-        EXPECT_EQ(client.read_line(20s), std::optional<std::string>("refused 401"));
-        EXPECT_EQ(client.wait_exit(20s), 3);
-    }
-    // The query parameter is accepted as well as the header.
-    python_client client(quelora::testing::ws_client_arguments(
-        port, {"--query", "token=secret", "--count", "1", "--timeout", "20"}));
-    ASSERT_EQ(client.read_line(20s), std::optional<std::string>("connected 1"));
-    ASSERT_EQ(qel_create_room(library, 5), QEL_ERROR_NONE);
-    const auto output = quelora::testing::read_client_output(client, 1, "done", 20s);
-    EXPECT_EQ(output.messages[0], std::vector<std::string>{R"({"Event":"create_room","room_id":5})"});
-    EXPECT_EQ(client.wait_exit(20s), 0);
-}
-
-TEST(Part6_1_WebsocketEndToEnd, AScriptedSessionArrivesInOrderAndByteExact) {
-    const uint16_t port = quelora::testing::free_tcp_port();
-    const std::string layouts =
-        quelora::testing::write_temp_file("layouts.json", quelora::testing::four_seat_layouts_json());
-    websocket_library library(quelora::testing::test_websocket_configuration(port), layouts.c_str());
-    ASSERT_EQ(library.init_error(), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_enable_websockets(library), QEL_ERROR_NONE);
-
-    const std::vector<std::string> expected = {
-        R"({"Event":"create_room","room_id":1})",
-        // Seats are numbered from 1 and face the layout's centre (Part 3.3);
-        // the control values are Part 1.4's defaults (the layout sets none).
-        R"({"Event":"add_participant","room_id":1,"participant_id":11,"participant_name":"Ana",)"
-        R"("input_number_channels":1,"input_sampling_rate":48000,"seat_id":1,"seat_x":0,"seat_y":0,)"
-        R"("seat_z":100,"azimuth_heading":180,"elevation_heading":0,)" +
-            quelora::testing::default_controls_json,
-        "{\"Event\":\"add_participant\",\"room_id\":1,\"participant_id\":12,\"participant_name\":"
-        "\"Zo\xc3\xab\",\"input_number_channels\":2,\"input_sampling_rate\":16000,\"seat_id\":2,"
-        "\"seat_x\":100,\"seat_y\":0,\"seat_z\":0,\"azimuth_heading\":-90,\"elevation_heading\":0," +
-            quelora::testing::default_controls_json,
-        R"({"Event":"move_participant_event","room_id":1,"participant_id":12,"seat":3,"x":0,"y":0,)"
-        R"("z":-100,"azimuth_heading":0,"elevation_heading":0})",
-        R"({"Event":"set_participant_state","room_id":1,"participant_id":11,)"
-        R"("control_to_edit":"QEL_CONTROL_MASTER_GAIN","value":50})",
-        R"({"Event":"set_all_participants_state","room_id":1,"control_to_edit":"QEL_CONTROL_MUTE_ENABLE",)"
-        R"("value":1})",
-        R"({"Event":"set_room_layout","room_id":1,"room_config_id":30})",
-        R"({"Event":"set_participant_position","room_id":1,"participant_id":11,"x":10,"y":-20,"z":30,)"
-        R"("azimuth_heading":45,"elevation_heading":-10})",
-        "{\"Event\":\"set_name\",\"room_id\":1,\"participant_id\":12,\"name\":\"Zo\xc3\xab \\\"Z\\\"\"}",
-        " {\"Event\": \"custom\", \"n\": [1, 2]} ",
-        R"({"Event":"remove_participant","room_id":1,"participant_id":11})",
-        R"({"Event":"destroy_room","room_id":1})"};
-
-    python_client client(quelora::testing::authenticated_client(
-        port, {"--count", std::to_string(expected.size()), "--timeout", "30"}));
-    ASSERT_EQ(client.read_line(30s), std::optional<std::string>("connected 1"));
-
+TEST(WebsocketLibrary, AddParticipantMessageReadsItsRecordWithoutRetakingTheLibraryLock) {
+    const uint16_t port = free_tcp_port();
+    // The library's own server is notified before any host table, so this test
+    // registers a server of its own after the table that makes a writer wait.
+    library_handle library;
+    locked_library = library;
+    quelora::events::qel_websocket_server server(
+        write_websocket_configuration(test_websocket_configuration(port)).c_str(), library.get()->conference());
+    qel_event_manager_t table{};
+    table.add_participant = start_waiting_writer;
+    ASSERT_EQ(qel_add_event_manager(library, &table), QEL_ERROR_NONE);
+    library.get()->conference().add_event_sink(&server);
+    server.enable();
     ASSERT_EQ(qel_create_room(library, 1), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_add_participant(library, 1, 11, "Ana", quelora::testing::regular()), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_add_participant(library, 1, 12, "Zo\xc3\xab", quelora::testing::regular(16000, 2)),
-              QEL_ERROR_NONE);
-    ASSERT_EQ(qel_set_participant_seat(library, 1, 12, 3), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_set_participant_state(library, 1, 11, QEL_CONTROL_MASTER_GAIN, 50), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_set_all_participants_state(library, 1, QEL_CONTROL_MUTE_ENABLE, 1), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_set_room_layout(library, 1, 30), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_set_participant_position(library, 1, 11, qel_position{10, -20, 30}, qel_heading{45, -10}),
-              QEL_ERROR_NONE);
-    ASSERT_EQ(qel_set_participant_name(library, 1, 12, "Zo\xc3\xab \"Z\""), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_send_custom_websocket_event(library, " {\"Event\": \"custom\", \"n\": [1, 2]} "),
-              QEL_ERROR_NONE);
-    ASSERT_EQ(qel_remove_participant(library, 1, 11), QEL_ERROR_NONE);
-    ASSERT_EQ(qel_destroy_room(library, 1), QEL_ERROR_NONE);
+    python_client client(port, with_key({"--count", "1"}));
+    ASSERT_EQ(client.read_line(), "connected 1");
 
-    const auto output = quelora::testing::read_client_output(client, 1, "done", 30s);
-    ASSERT_TRUE(output.terminated) << output.last_line;
-    ASSERT_EQ(output.messages[0].size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(output.messages[0][i], expected[i]) << "message " << i;
-    }
-    EXPECT_EQ(client.wait_exit(30s), 0);
+    auto adding = std::async(std::launch::async, [&] { return qel_add_participant(library, 1, 7, "Pat", regular()); });
+    if (adding.wait_for(60s) == std::future_status::timeout) std::_Exit(1); // deadlocked: its threads cannot be joined
+    EXPECT_EQ(adding.get(), QEL_ERROR_NONE);
+    waiting_writer.join();
+    if (held_back_reader.joinable()) held_back_reader.join();
+    EXPECT_TRUE(writer_was_waiting) << "no writer was seen waiting";
+    // The fallback layout's open room: no seat, at the origin.
+    EXPECT_EQ(client.read_output(1, "done")[0], strings{add_message(7, "Pat", regular(), {-1, 0, 0, 0, 0, 0})});
 }

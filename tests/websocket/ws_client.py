@@ -1,202 +1,104 @@
 #!/usr/bin/python3
-"""Test client for the Quelora websocket transport (spec Part 6.1).
+"""Test client for the Quelora websocket transport (Debian's python3-websockets).
 
-Run with Debian's /usr/bin/python3 (python3-websockets 10.4). Connects over
-TLS to 127.0.0.1, checking the certificate given by --cafile against the
-name "localhost", and reports on stdout, one flushed line each:
-
-  connected C            all C connections are open (their 101 was read)
-  received I K           (--progress, listen mode) client I has read K messages
-  message I <json>       client I's messages in order, each as a JSON string
-  done                   listen mode: all read, connections closed cleanly (exit 0)
-  aborted                disconnect-after: TCP connection aborted (exit 0)
-  refused STATUS         the server refused the upgrade (exit 3)
-  timeout                --timeout elapsed (exit 4)
-  closed CODE            the server closed a connection unexpectedly (exit 5)
-  failed REASON          anything else went wrong (exit 6)
-
-Modes:
-  listen            each client reads --count messages, then prints them
-  never-read        one client with tiny receive buffers that never reads,
-                    until killed or until its stdin is closed
-  disconnect-after  each client reads --after messages, prints them, then
-                    aborts its TCP connection without a close handshake
+Run with python3 -u. Prints its pid, "connected C" once C connections are open, "received I K"
+(--progress), "message I <json>" per message of client I, then a final line: "done" (listen),
+"aborted" (disconnect-after: TCP abort after --count), "status S SERVER <json body>" (get, no
+upgrade), "refused S" (exit 3), "timeout" (60 s, 4), "closed CODE" (5) or "failed REASON" (6).
+never-read: tiny buffers, never reads, until killed.
 """
 
 import argparse
 import asyncio
+import http.client
 import json
 import os
 import socket
 import ssl
 import sys
-import threading
-import urllib.parse
 
 import websockets
 
 
-def say(line):
-    sys.stdout.write(line + "\n")
-    sys.stdout.flush()
-
-
 class Outcome(Exception):
-    """Ends the run with a line and an exit code."""
-
-    def __init__(self, line, code):
-        super().__init__(line)
-        self.line = line
-        self.code = code
+    """args: the final line and the exit code."""
 
 
-def key_value(text):
-    key, separator, value = text.partition("=")
-    if not separator:
-        raise argparse.ArgumentTypeError(f"expected KEY=VALUE, got {text!r}")
-    return key, value
-
-
-def parse_arguments():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--port", type=int, required=True)
-    parser.add_argument("--cafile", required=True)
-    parser.add_argument("--header", type=key_value, action="append", default=[])
-    parser.add_argument("--query", type=key_value, action="append", default=[])
-    parser.add_argument("--clients", type=int, default=1)
-    parser.add_argument("--count", type=int, default=0)
-    parser.add_argument("--mode", choices=["listen", "never-read", "disconnect-after"],
-                        default="listen")
-    parser.add_argument("--after", type=int, default=0)
-    parser.add_argument("--timeout", type=float, default=30.0)
-    parser.add_argument("--progress", action="store_true",
-                        help="listen mode: print 'received I K' as each message arrives")
-    return parser.parse_args()
-
-
-def tls_context(cafile):
-    context = ssl.create_default_context(ssl.Purpose.SERVER_AUTH, cafile=cafile)
-    context.check_hostname = True
-    return context
-
-
-def uri(arguments):
-    path = "/"
-    if arguments.query:
-        path += "?" + urllib.parse.urlencode(arguments.query)
-    return f"wss://localhost:{arguments.port}{path}"
-
-
-async def open_connection(arguments, context, **extra):
+async def connect(arguments, context, **extra):
+    target = "/?" + arguments.query if arguments.query else "/"
+    headers = [arguments.header.split("=", 1)] if arguments.header else []
     try:
         return await websockets.connect(
-            uri(arguments),
-            ssl=context,
-            server_hostname="localhost",
-            extra_headers=arguments.header,
-            ping_interval=None,
-            open_timeout=None,
-            max_size=None,
-            compression=None,
-            **extra,
-        )
+            f"wss://localhost:{arguments.port}{target}", ssl=context, extra_headers=headers, ping_interval=None,
+            open_timeout=None, max_size=None, compression=None, **extra)
     except websockets.exceptions.InvalidStatusCode as error:
         raise Outcome(f"refused {error.status_code}", 3) from error
-    except websockets.exceptions.ConnectionClosed as error:
-        raise Outcome(f"closed {error.code}", 5) from error
 
 
-async def receive(connection, index, count, progress):
+async def receive(connection, index, arguments):
     messages = []
-    try:
-        while len(messages) < count:
-            message = await connection.recv()
-            if isinstance(message, bytes):
-                raise Outcome(f"failed client {index} received a binary message", 6)
-            messages.append(message)
-            if progress:
-                say(f"received {index} {len(messages)}")
-    except websockets.exceptions.ConnectionClosed as error:
-        raise Outcome(f"closed {error.code}", 5) from error
+    while len(messages) < arguments.count:
+        try:
+            messages.append(await connection.recv())
+        except websockets.exceptions.ConnectionClosed as error:
+            raise Outcome(f"closed {error.code}", 5) from error
+        if arguments.progress:
+            print(f"received {index} {len(messages)}")
     return messages
 
 
-def print_messages(all_messages):
-    for index, messages in enumerate(all_messages):
+async def run(arguments, context):
+    if arguments.mode == "never-read":  # small buffers everywhere: the server's writes stall soon
+        raw = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        raw.setblocking(False)
+        await asyncio.get_running_loop().sock_connect(raw, ("127.0.0.1", arguments.port))
+        await connect(arguments, context, sock=raw, server_hostname="localhost", max_queue=1, read_limit=4096)
+        print("connected 1")
+        await asyncio.Future()
+    connections = await asyncio.gather(*(connect(arguments, context) for _ in range(arguments.clients)))
+    print(f"connected {len(connections)}")
+    received = await asyncio.gather(*(receive(c, i, arguments) for i, c in enumerate(connections)))
+    for index, messages in enumerate(received):
         for message in messages:
-            say(f"message {index} {json.dumps(message)}")
-
-
-async def connect_and_receive(arguments, context, count, progress):
-    """Opens --clients connections, reads count messages on each, prints them."""
-    connections = await asyncio.gather(
-        *(open_connection(arguments, context) for _ in range(arguments.clients)))
-    say(f"connected {len(connections)}")
-    all_messages = await asyncio.gather(
-        *(receive(connection, index, count, progress)
-          for index, connection in enumerate(connections)))
-    print_messages(all_messages)
-    return connections
-
-
-async def listen(arguments, context):
-    connections = await connect_and_receive(arguments, context, arguments.count, arguments.progress)
-    await asyncio.gather(*(connection.close() for connection in connections))
-    say("done")
-
-
-async def disconnect_after(arguments, context):
-    connections = await connect_and_receive(arguments, context, arguments.after, False)
+            print(f"message {index} {json.dumps(message)}")
     for connection in connections:
-        connection.transport.abort()
-    say("aborted")
+        if arguments.mode == "disconnect-after":
+            connection.transport.abort()
+        else:
+            await connection.close()
+    print("aborted" if arguments.mode == "disconnect-after" else "done")
 
 
-async def never_read(arguments, context):
-    # Small buffers everywhere, so that the server's writes stall quickly.
-    raw = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-    raw.setblocking(False)
-    await asyncio.get_running_loop().sock_connect(raw, ("127.0.0.1", arguments.port))
-    connection = await open_connection(arguments, context, sock=raw, max_queue=1,
-                                       read_limit=4096)
-    say("connected 1")
-    stdin_closed = asyncio.Event()
-    loop = asyncio.get_running_loop()
-
-    def wait_for_stdin():
-        # os.read, not sys.stdin: a daemon thread blocked in a buffered read
-        # would make the interpreter's shutdown abort.
-        while os.read(0, 4096):
-            pass
-        loop.call_soon_threadsafe(stdin_closed.set)
-
-    threading.Thread(target=wait_for_stdin, daemon=True).start()
-    await stdin_closed.wait()
-    connection.transport.abort()
-
-
-async def main(arguments):
-    context = tls_context(arguments.cafile)
-    runs = {"listen": listen, "never-read": never_read, "disconnect-after": disconnect_after}
+def main():
+    print(os.getpid())
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    for name, kind in (("--port", int), ("--cafile", str), ("--clients", int), ("--count", int), ("--header", str),
+                       ("--query", str)):  # --header NAME=VALUE; --query: the target's query string, as sent
+        parser.add_argument(name, type=kind, default={"--clients": 1, "--count": 0}.get(name))
+    parser.add_argument("--progress", action="store_true")
+    parser.add_argument("--mode", default="listen", choices=["listen", "never-read", "disconnect-after", "get"])
+    arguments = parser.parse_args()
+    context = ssl.create_default_context(cafile=arguments.cafile)
     try:
-        await asyncio.wait_for(runs[arguments.mode](arguments, context), arguments.timeout)
-    except asyncio.TimeoutError as error:
-        raise Outcome("timeout", 4) from error
-
-
-def run():
-    arguments = parse_arguments()
-    try:
-        asyncio.run(main(arguments))
+        if arguments.mode == "get":
+            connection = http.client.HTTPSConnection("localhost", arguments.port, context=context, timeout=60)
+            connection.request("GET", "/?" + arguments.query)
+            response = connection.getresponse()
+            print(f"status {response.status} {response.getheader('Server')} {json.dumps(response.read().decode())}")
+        else:
+            asyncio.run(asyncio.wait_for(run(arguments, context), 60))
     except Outcome as outcome:
-        say(outcome.line)
-        return outcome.code
+        print(outcome.args[0])
+        return outcome.args[1]
+    except asyncio.TimeoutError:
+        print("timeout")
+        return 4
     except Exception as error:  # pylint: disable=broad-except
-        say(f"failed {type(error).__name__}: {error}".replace("\n", " "))
+        print(f"failed {type(error).__name__}: {error}".replace("\n", " "))
         return 6
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(run())
+    sys.exit(main())
