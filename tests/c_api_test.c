@@ -11,22 +11,25 @@
 
 static int passed = 0, failed = 0;
 
-static void check(int ok, const char* what, long got, long want)
-{
-    if (ok) ++passed;
-    else ++failed, printf("FAILED: %s (got %ld, want %ld)\n", what, got, want);
+static void check(int ok, const char* what, long got, long want) {
+    if (ok)
+        ++passed;
+    else
+        ++failed, printf("FAILED: %s (got %ld, want %ld)\n", what, got, want);
 }
 
-#define CHECK_EQ(got, want) \
-    do { \
-        long g_ = (long)(got), w_ = (long)(want); \
-        check(g_ == w_, #got " == " #want, g_, w_); \
+#define CHECK_EQ(got, want)                                                                        \
+    do {                                                                                           \
+        long g_ = (long)(got), w_ = (long)(want);                                                  \
+        check(g_ == w_, #got " == " #want, g_, w_);                                                \
     } while (0)
 
-static void check_str(const char* got, const char* want, const char* what)
-{
-    if (got != NULL && strcmp(got, want) == 0) ++passed;
-    else ++failed, printf("FAILED: %s (got \"%s\", want \"%s\")\n", what, got ? got : "(null)", want);
+static void check_str(const char* got, const char* want, const char* what) {
+    if (got != NULL && strcmp(got, want) == 0)
+        ++passed;
+    else
+        ++failed,
+            printf("FAILED: %s (got \"%s\", want \"%s\")\n", what, got ? got : "(null)", want);
 }
 
 /* Event callbacks: count calls and remember the last arguments. */
@@ -36,15 +39,13 @@ static int32_t created_room_id = -1, added_room_id = -1, added_participant_ids[2
 static void on_create_room(int32_t room_id) { ++create_room_calls, created_room_id = room_id; }
 
 static void on_add_participant(int32_t room_id, int32_t participant_id, const char* name,
-                               const qel_participant_configuration* configuration)
-{
+                               const qel_participant_configuration* configuration) {
     (void)name, (void)configuration;
     if (add_participant_calls < 2) added_participant_ids[add_participant_calls] = participant_id;
     ++add_participant_calls, added_room_id = room_id;
 }
 
-int main(void)
-{
+int main(void) {
     /* Fallback room layout, no websocket configuration. */
     qel_library_configuration config = {48000, 480, 2, true, 3}, got_config;
     qel_participant_configuration participant = {48000, 1, QEL_PARTICIPANT_REGULAR};
@@ -69,8 +70,10 @@ int main(void)
         return 1;
     }
     got_config = qel_get_library_configuration(handle);
-    CHECK_EQ(got_config.output_sampling_rate, 48000); CHECK_EQ(got_config.output_number_frames, 480);
-    CHECK_EQ(got_config.output_number_channels, 2); CHECK_EQ(got_config.interleaved, true);
+    CHECK_EQ(got_config.output_sampling_rate, 48000);
+    CHECK_EQ(got_config.output_number_frames, 480);
+    CHECK_EQ(got_config.output_number_channels, 2);
+    CHECK_EQ(got_config.interleaved, true);
     CHECK_EQ(got_config.spatial_quality, 3);
 
     /* Event manager with two counting callbacks; the other slots are null. */
@@ -89,7 +92,8 @@ int main(void)
     CHECK_EQ(qel_get_participant_count(handle, 1, &count), QEL_ERROR_NONE);
     CHECK_EQ(count, 2);
     CHECK_EQ(qel_set_participant_state(handle, 1, 10, QEL_CONTROL_MASTER_GAIN, 55), QEL_ERROR_NONE);
-    CHECK_EQ(qel_get_participant_state(handle, 1, 10, QEL_CONTROL_MASTER_GAIN, &value), QEL_ERROR_NONE);
+    CHECK_EQ(qel_get_participant_state(handle, 1, 10, QEL_CONTROL_MASTER_GAIN, &value),
+             QEL_ERROR_NONE);
     CHECK_EQ(value, 55);
     CHECK_EQ(qel_set_participant_name(handle, 1, 10, "Alice"), QEL_ERROR_NONE);
     memset(name, 'x', sizeof name);
@@ -98,12 +102,16 @@ int main(void)
     check_str(name, "Alice", "qel_get_participant_name after set");
 
     /* The fallback layout is an open room: both start at the origin. */
-    CHECK_EQ(qel_get_participant_spherical(handle, 1, 10, 11, &azimuth, &elevation, &distance), QEL_ERROR_NONE);
+    CHECK_EQ(qel_get_participant_spherical(handle, 1, 10, 11, &azimuth, &elevation, &distance),
+             QEL_ERROR_NONE);
     CHECK_EQ(distance, 0);
     CHECK_EQ(qel_set_participant_position(handle, 1, 11, position, heading), QEL_ERROR_NONE);
     azimuth = elevation = distance = -1;
-    CHECK_EQ(qel_get_participant_spherical(handle, 1, 10, 11, &azimuth, &elevation, &distance), QEL_ERROR_NONE);
-    CHECK_EQ(azimuth, 0); CHECK_EQ(elevation, 0); CHECK_EQ(distance, 200);
+    CHECK_EQ(qel_get_participant_spherical(handle, 1, 10, 11, &azimuth, &elevation, &distance),
+             QEL_ERROR_NONE);
+    CHECK_EQ(azimuth, 0);
+    CHECK_EQ(elevation, 0);
+    CHECK_EQ(distance, 200);
 
     /* Audio: participant 10 talks, 11 listens. The library is 48 kHz, 480
      * frames, stereo, interleaved, 3D off: a mono block reaches each ear at
@@ -136,9 +144,12 @@ int main(void)
     CHECK_EQ(count, 0);
 
     /* Callbacks: one room created, one call per added participant. */
-    CHECK_EQ(create_room_calls, 1); CHECK_EQ(created_room_id, 1);
-    CHECK_EQ(add_participant_calls, 2); CHECK_EQ(added_room_id, 1);
-    CHECK_EQ(added_participant_ids[0], 10); CHECK_EQ(added_participant_ids[1], 11);
+    CHECK_EQ(create_room_calls, 1);
+    CHECK_EQ(created_room_id, 1);
+    CHECK_EQ(add_participant_calls, 2);
+    CHECK_EQ(added_room_id, 1);
+    CHECK_EQ(added_participant_ids[0], 10);
+    CHECK_EQ(added_participant_ids[1], 11);
 
     CHECK_EQ(qel_destroy_library(handle), QEL_ERROR_NONE);
     CHECK_EQ(qel_destroy_library(NULL), QEL_ERROR_LIBRARY_NOT_YET_INITIALIZED);

@@ -29,7 +29,8 @@ int make(const char* path, int rate, int channels, double seconds, double freque
     return ok && sf_close(file) == 0 ? 0 : 1;
 }
 
-int check(const char* path, int rate, int channels, sf_count_t frames, const std::string& encoding) {
+int check(const char* path, int rate, int channels, sf_count_t frames,
+          const std::string& encoding) {
     SF_INFO info{};
     SNDFILE* file = sf_open(path, SFM_READ, &info);
     if (file == nullptr) {
@@ -62,7 +63,8 @@ int main(int argc, char** argv) {
                    ? make(argv[2], rate, channels, std::atof(argv[5]), std::atof(argv[6]))
                    : check(argv[2], rate, channels, std::atoll(argv[5]), argv[6]);
     }
-    std::fprintf(stderr, "usage: conference_wav_tool make PATH RATE CHANNELS SECONDS FREQUENCY\n"
-                         "       conference_wav_tool check PATH RATE CHANNELS FRAMES float|pcm16\n");
+    std::fprintf(stderr,
+                 "usage: conference_wav_tool make PATH RATE CHANNELS SECONDS FREQUENCY\n"
+                 "       conference_wav_tool check PATH RATE CHANNELS FRAMES float|pcm16\n");
     return 2;
 }

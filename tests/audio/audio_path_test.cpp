@@ -54,18 +54,18 @@ struct session {
     void set(uint32_t id, qel_audio_control control, int value) {
         ASSERT_EQ(qel_set_participant_state(library, room, id, control, value), QEL_ERROR_NONE);
     }
-    template <typename T>
-    int input(uint32_t id, const std::vector<T>& block, int channels = 1) {
+    template <typename T> int input(uint32_t id, const std::vector<T>& block, int channels = 1) {
         const auto frames = static_cast<int>(block.size()) / channels;
         return calls<T>::input(library, room, id, block.data(), frames);
     }
     // One output block (filled with 77 first); its code goes to *code, or must be none.
-    template <typename T = float>
-    std::vector<T> output(uint32_t id, int* code = nullptr) {
+    template <typename T = float> std::vector<T> output(uint32_t id, int* code = nullptr) {
         std::vector<T> out(output_size, T(77));
         const int c = calls<T>::output(library, room, id, out.data());
-        if (code != nullptr) *code = c;
-        else EXPECT_EQ(c, QEL_ERROR_NONE);
+        if (code != nullptr)
+            *code = c;
+        else
+            EXPECT_EQ(c, QEL_ERROR_NONE);
         return out;
     }
     int code(uint32_t id) {
@@ -82,18 +82,18 @@ std::vector<float> block(float value) { return std::vector<float>(480, value); }
 // A host sample for v, and the values the library reads from it and writes:
 // shorts in interleaved stereo blocks come in scaled by the rounded literal
 // 3.0518e-05 (kept for the hosts tuned to it), all others by exactly 2^-15.
-template <typename T>
-T encode(double v) {
+template <typename T> T encode(double v) {
     return std::is_same_v<T, int16_t> ? static_cast<T>(std::lround(v * 32768)) : static_cast<T>(v);
 }
-template <typename T>
-double read(T sample, bool interleaved_stereo) {
+template <typename T> double read(T sample, bool interleaved_stereo) {
     if constexpr (std::is_same_v<T, int16_t>)
         return sample * (interleaved_stereo ? 3.0518e-05 : 1.0 / 32768);
-    else return static_cast<float>(sample);
+    else
+        return static_cast<float>(sample);
 }
-template <typename T>
-double written(T sample) { return std::is_same_v<T, int16_t> ? sample / 32768.0 : sample; }
+template <typename T> double written(T sample) {
+    return std::is_same_v<T, int16_t> ? sample / 32768.0 : sample;
+}
 
 // A stereo talker at the output rate and a mono talker at 48 kHz, heard for
 // four blocks. The model brings the stereo talker to 48 kHz, adds the mono
@@ -140,7 +140,7 @@ void round_trip(bool interleaved, int32_t channels, int32_t rate, int32_t frames
     // Shorts: a step of 2^-15 when truncated, half of one when rounded. Floats:
     // the rounding of the mix (2e-8 to 5e-8) and of the resamplers' sums (2e-7).
     const double tolerance = !std::is_same_v<T, int16_t> ? (rate == 48000 ? 2e-7 : 1e-6)
-                             : (interleaved_out ? 1.01 : 0.51) / 32768;
+                                                         : (interleaved_out ? 1.01 : 0.51) / 32768;
     for (size_t c = 0; c < heard.size(); ++c) {
         const std::vector<double> expected = rate == 48000 ? mix[c] : down.run(mix[c], blocks * F);
         for (size_t j = 0; j < heard[c].size(); ++j)
@@ -162,7 +162,9 @@ TEST_P(AudioRoundTrip, ListenerHearsTheModelOfBothTalkers) {
 
 std::string format_name(const ::testing::TestParamInfo<format>& p) {
     const auto [type, interleaved, channels, rate_frames] = p.param;
-    return std::string(type == 0 ? "short" : type == 1 ? "float" : "double") +
+    return std::string(type == 0   ? "short"
+                       : type == 1 ? "float"
+                                   : "double") +
            (interleaved ? "_interleaved_" : "_planar_") + (channels == 1 ? "mono_" : "stereo_") +
            std::to_string(rate_frames.first) + "Hz_" + std::to_string(rate_frames.second);
 }
@@ -195,9 +197,10 @@ TEST(AudioCalls, RefusalsAndSilenceWithTheirCodesAndLogLines) {
                 {warning("the number of input frames 479 does not match the required number of "
                          "frames 480")},
                 input(7, 479));
-    expect_call(log, QEL_ERROR_PARTICIPANT_TYPE,
-                {warning("Cannot input audio to participant 7 in room 1 because it is LISTENER ONLY")},
-                input(7, 480));
+    expect_call(
+        log, QEL_ERROR_PARTICIPANT_TYPE,
+        {warning("Cannot input audio to participant 7 in room 1 because it is LISTENER ONLY")},
+        input(7, 480));
     expect_call(log, QEL_ERROR_PARTICIPANT_TYPE,
                 {warning("Participant 4 has no output because it is source only")},
                 [&] { return qel_output_audio_float(s.library, room, 4, samples.data()); });
@@ -205,9 +208,10 @@ TEST(AudioCalls, RefusalsAndSilenceWithTheirCodesAndLogLines) {
     // listener with nothing queued gets zeros in every sample type.
     expect_call(log, QEL_ERROR_NONE, {}, input(1, 160));
     expect_call(log, QEL_ERROR_NONE, {}, [&] { return s.code(2); });
-    expect_call(log, QEL_ERROR_NO_INPUT_AUDIO,
-                {log_line{QEL_LOG_DEBUG, "There was no input audio for this participant 1 to process"}},
-                [&] { return s.code(1); });
+    expect_call(
+        log, QEL_ERROR_NO_INPUT_AUDIO,
+        {log_line{QEL_LOG_DEBUG, "There was no input audio for this participant 1 to process"}},
+        [&] { return s.code(1); });
     int code = 0;
     EXPECT_EQ(s.output(1, &code), std::vector<float>(960, 0.0f));
     EXPECT_EQ(s.output<int16_t>(1, &code), std::vector<int16_t>(960, 0));
@@ -257,11 +261,11 @@ TEST(PairGain, WhisperAndSidebarRoomsDecideWhoHearsWhom) {
         float gain;
     };
     const row rows[] = {
-        {0, 0, 0, 0, 1}, {3, 0, 3, 0, 1}, {3, 0, 4, 0, 0}, {3, 0, 0, 0, 0},
-        {3, 1, 3, 2, 1}, // the whisper room decides before the sidebar
-        {0, 5, 0, 5, 1}, {0, 5, 0, 6, 0}, {0, 5, 0, 0, 0}, {0, 5, 1, 5, 1},
-        {0, 0, 0, 7, 0}, {0, 0, 2, 7, 0}, // the main room reaches no sidebar,
-        {0, 0, 9, 0, 0.25f},              // and a whisper room at a quarter
+        {0, 0, 0, 0, 1},     {3, 0, 3, 0, 1}, {3, 0, 4, 0, 0},
+        {3, 0, 0, 0, 0},     {3, 1, 3, 2, 1}, // the whisper room decides before the sidebar
+        {0, 5, 0, 5, 1},     {0, 5, 0, 6, 0}, {0, 5, 0, 0, 0},
+        {0, 5, 1, 5, 1},     {0, 0, 0, 7, 0}, {0, 0, 2, 7, 0}, // the main room reaches no sidebar,
+        {0, 0, 9, 0, 0.25f},                                   // and a whisper room at a quarter
     };
     for (const row& r : rows) {
         SCOPED_TRACE(testing::Message() << r.source_whisper << r.source_sidebar << " to "

@@ -17,7 +17,8 @@ namespace quelora::testing {
 
 class direct_resampler {
 public:
-    direct_resampler(int64_t input_rate, int64_t output_rate) : in_(input_rate), out_(output_rate) {}
+    direct_resampler(int64_t input_rate, int64_t output_rate)
+        : in_(input_rate), out_(output_rate) {}
 
     // The first `count` output samples of the stream `input`.
     std::vector<double> run(const std::vector<double>& input, size_t count) {

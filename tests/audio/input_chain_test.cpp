@@ -53,7 +53,8 @@ TEST(InputChain, StereoIsDownmixedByHalvesForAnyProcessingFlagUnlessBypassed) {
             // No stage objects, and so no dry mix either: nothing but the downmix.
             input_chain chain(48000, 2, n, n, false, {});
             chain.process(in.data(), sample_type::float32,
-                          controls({{flag, 1}, {QEL_CONTROL_ANC_MIX, 30},
+                          controls({{flag, 1},
+                                    {QEL_CONTROL_ANC_MIX, 30},
                                     {QEL_CONTROL_STEREO_BYPASS_ENABLE, bypass}}));
             const std::vector<float> out(chain.work_buffer(), chain.work_buffer() + 2 * n);
             EXPECT_EQ(out, bypass ? in : std::vector<float>(2 * n, 0.5f * (0.6f + -0.2f)));

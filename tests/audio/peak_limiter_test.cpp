@@ -100,9 +100,9 @@ TEST(PeakLimiter, HoldEndsNineSamplesAfterThePeakWasTakenNotAfterTheLatestEqualP
 }
 
 TEST(PeakLimiter, BadSampleComesOutOnceNineSamplesLateAndTheGainRecovers) {
-    for (const float bad : {std::numeric_limits<float>::quiet_NaN(),
-                            std::numeric_limits<float>::infinity(),
-                            -std::numeric_limits<float>::infinity()}) {
+    for (const float bad :
+         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+          -std::numeric_limits<float>::infinity()}) {
         SCOPED_TRACE(bad);
         stereo in = sines(480 * 24, 0.5);
         in.left[960 + 100] = bad; // block 2, sample 100

@@ -21,8 +21,10 @@ TEST(PolyphaseResampler, MatchesTheDirectSumForEveryRateAndBlockLength) {
     struct row {
         int32_t input_rate, output_rate, output_frames, input_frames;
     };
-    std::vector<row> rows{{44100, 48000, 480, 441},  {24000, 48000, 512, 256},
-                          {24000, 48000, 1024, 512}, {48000, 24000, 256, 512},
+    std::vector<row> rows{{44100, 48000, 480, 441},
+                          {24000, 48000, 512, 256},
+                          {24000, 48000, 1024, 512},
+                          {48000, 24000, 256, 512},
                           {48000, 24000, 512, 1024}};
     for (const int32_t rate : {8000, 16000, 24000, 32000}) {
         for (const int32_t ms : {10, 20}) {
@@ -31,8 +33,8 @@ TEST(PolyphaseResampler, MatchesTheDirectSumForEveryRateAndBlockLength) {
         }
     }
     for (const row& w : rows) {
-        SCOPED_TRACE(testing::Message() << w.input_rate << " to " << w.output_rate << ", "
-                                        << w.output_frames);
+        SCOPED_TRACE(testing::Message()
+                     << w.input_rate << " to " << w.output_rate << ", " << w.output_frames);
         polyphase_resampler resampler(w.input_rate, w.output_rate, 1, w.output_frames);
         ASSERT_EQ(resampler.input_frames(), w.input_frames);
         const size_t in = w.input_frames, out = w.output_frames;

@@ -35,14 +35,30 @@ TEST(SampleConversion, ShortsComeInByTheLiteralOnlyWhenInterleavedStereo) {
     }
 }
 
-struct short_row { float x; int16_t expected; };
+struct short_row {
+    float x;
+    int16_t expected;
+};
 
 TEST(SampleConversion, InterleavedStereoShortsGoOutTruncatedAndWrapped) {
     const short_row rows[] = {
-        {0.5f, 16384}, {-1.0f, -32768}, {1.0f, -32768}, {0.99999f, 32767}, {0.7f / 32768, 0},
-        {-0.7f / 32768, 0}, {-1.7f / 32768, -1}, {1.5f, -16384}, {-1.5f, 16384}, {2.0f, 0},
-        {100000.0f / 32768, -31072}, {65535.0f, -32768}, // 0x7FFF8000 is still an int32
-        {65536.0f, 0}, {1e30f, 0}, {nan_f, 0}, {inf_f, 0}, {-inf_f, 0}, // no int32: 0
+        {0.5f, 16384},
+        {-1.0f, -32768},
+        {1.0f, -32768},
+        {0.99999f, 32767},
+        {0.7f / 32768, 0},
+        {-0.7f / 32768, 0},
+        {-1.7f / 32768, -1},
+        {1.5f, -16384},
+        {-1.5f, 16384},
+        {2.0f, 0},
+        {100000.0f / 32768, -31072},
+        {65535.0f, -32768}, // 0x7FFF8000 is still an int32
+        {65536.0f, 0},
+        {1e30f, 0},
+        {nan_f, 0},
+        {inf_f, 0},
+        {-inf_f, 0}, // no int32: 0
     };
     for (const short_row& r : rows) {
         const float source[] = {r.x, -0.5f};
@@ -55,10 +71,23 @@ TEST(SampleConversion, InterleavedStereoShortsGoOutTruncatedAndWrapped) {
 
 TEST(SampleConversion, OtherShortsGoOutRoundedToNearestEvenAndSaturated) {
     const short_row rows[] = {
-        {0.5f, 16384}, {1.0f, 32767}, {-1.0f, -32768}, {1.5f, 32767}, {-2.0f, -32768},
-        {0.7f / 32768, 1}, {-0.7f / 32768, -1}, {0.5f / 32768, 0}, {1.5f / 32768, 2},
-        {2.5f / 32768, 2}, {-2.5f / 32768, -2}, {32766.5f / 32768, 32766},
-        {-32767.5f / 32768, -32768}, {nan_f, 0}, {inf_f, 32767}, {-inf_f, -32768}, {1e30f, 32767},
+        {0.5f, 16384},
+        {1.0f, 32767},
+        {-1.0f, -32768},
+        {1.5f, 32767},
+        {-2.0f, -32768},
+        {0.7f / 32768, 1},
+        {-0.7f / 32768, -1},
+        {0.5f / 32768, 0},
+        {1.5f / 32768, 2},
+        {2.5f / 32768, 2},
+        {-2.5f / 32768, -2},
+        {32766.5f / 32768, 32766},
+        {-32767.5f / 32768, -32768},
+        {nan_f, 0},
+        {inf_f, 32767},
+        {-inf_f, -32768},
+        {1e30f, 32767},
     };
     for (const short_row& r : rows) {
         for (const auto& [channels, interleaved] : not_interleaved_stereo) {

@@ -16,7 +16,8 @@ using quelora::dsp::float_ring_buffer;
 TEST(FloatRingBuffer, RoundTripAcrossTheWrapMatchesADeque) {
     constexpr int32_t channels = 3, capacity = 128;
     float_ring_buffer ring(channels, 100); // rounded up to a power of two; one stays as it is
-    ASSERT_TRUE(ring.capacity() == capacity && float_ring_buffer(1, capacity).capacity() == capacity);
+    ASSERT_TRUE(ring.capacity() == capacity &&
+                float_ring_buffer(1, capacity).capacity() == capacity);
     std::deque<float> model[channels];
     std::mt19937 rng(5);
     std::uniform_int_distribution<int32_t> size(-2, 70), extra_stride(0, 9);

@@ -41,8 +41,8 @@ gru_layer make_gru(const std::vector<float>& p, uint32_t in, uint32_t hid, bool 
         std::copy_n(p.data() + from, hid * (m < 3 ? in : m < 6 ? hid : 1), copy.data() + from + m);
         at[m] = gaps ? copy.data() + from + m : p.data() + from;
     }
-    return gru_layer(in, hid, at[0], at[1], at[2], at[3], at[4], at[5], at[6], at[7], at[8],
-                     at[9], at[10], at[11]);
+    return gru_layer(in, hid, at[0], at[1], at[2], at[3], at[4], at[5], at[6], at[7], at[8], at[9],
+                     at[10], at[11]);
 }
 
 class TorchAgreement : public ::testing::TestWithParam<const char*> {};
@@ -63,7 +63,8 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
                 gru_layer gru = make_gru(w, arg("input_size"), arg("hidden_size"), gaps, copy);
                 y.assign(xs.size(), std::vector<float>(arg("hidden_size")));
                 if (pair) gru.forward_pair(xs[0].data(), xs[1].data(), y[0].data(), y[1].data());
-                for (std::size_t s = pair ? 2 : 0; s < xs.size(); ++s) gru.forward(xs[s].data(), y[s].data());
+                for (std::size_t s = pair ? 2 : 0; s < xs.size(); ++s)
+                    gru.forward(xs[s].data(), y[s].data());
                 for (std::size_t s = 0; s < xs.size(); ++s)
                     expect_close(y[s], f.at("outputs")[s], "step " + std::to_string(s));
             }
@@ -83,9 +84,9 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
     };
     if (kind == "conv2d")
         check(conv2d_layer(arg("time_length"), arg("freq_length"), arg("in_channels"), w.data(),
-                           arg("kernel_time"), arg("kernel_freq"), f.at("args").at("freq_stride").get<int32_t>(),
-                           arg("out_channels"), arg("time_pad_before"), arg("time_pad_after"),
-                           arg("groups")));
+                           arg("kernel_time"), arg("kernel_freq"),
+                           f.at("args").at("freq_stride").get<int32_t>(), arg("out_channels"),
+                           arg("time_pad_before"), arg("time_pad_after"), arg("groups")));
     if (kind == "conv_transpose2d")
         check(conv_transpose2d_layer(arg("in_time"), arg("in_freq"), arg("in_channels"), w.data(),
                                      arg("kernel_time"), arg("kernel_freq"), arg("pad_time"),
@@ -108,7 +109,8 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
     expect_close(b, {want_b.begin(), want_b.end()}, "pair, second");
 }
 
-INSTANTIATE_TEST_SUITE_P(, TorchAgreement,
+INSTANTIATE_TEST_SUITE_P(
+    , TorchAgreement,
     ::testing::Values("conv_erb0_3x3", "conv_df0_3x3_groups2", "conv_depthwise_1x3_stride2",
                       "conv_depthwise_1x3_stride1", "conv_pointwise_64", "conv_dfpath_5x1_groups2",
                       "conv_path_1x1_groups64", "conv_output_1x3_to1", "conv_time_padding",
@@ -124,14 +126,17 @@ TEST(Conv2dLayer, StridedDepthwiseEqualsStrideOneSubsampled) {
     std::vector<float> w(3 * 5), x(3 * 2 * 13);
     for (std::size_t i = 0; i < w.size(); ++i) w[i] = std::sin(float(i) + 1.0f);
     for (std::size_t i = 0; i < x.size(); ++i) x[i] = std::cos(float(i) * 0.7f);
-    for (const auto& [f, kf, stride] : {std::tuple{11u, 3u, 2}, {13u, 5u, 2}, {12u, 5u, 3}, {13u, 1u, 3}}) {
-        conv2d_layer one(2, f, 3, w.data(), 1, kf, 1, 3, 0, 0, 3), strided(2, f, 3, w.data(), 1, kf, stride, 3, 0, 0, 3);
+    for (const auto& [f, kf, stride] :
+         {std::tuple{11u, 3u, 2}, {13u, 5u, 2}, {12u, 5u, 3}, {13u, 1u, 3}}) {
+        conv2d_layer one(2, f, 3, w.data(), 1, kf, 1, 3, 0, 0, 3),
+            strided(2, f, 3, w.data(), 1, kf, stride, 3, 0, 0, 3);
         const uint32_t n = strided.output_freq_length();
         std::vector<float> y(3 * 2 * f), ys(3 * 2 * n);
         one.forward(x.data(), y.data());
         strided.forward(x.data(), ys.data());
         for (uint32_t i = 0; i < ys.size(); ++i)
-            ASSERT_NEAR(ys[i], y[i / n * f + i % n * uint32_t(stride)], 1e-6) << f << " " << kf << " " << i;
+            ASSERT_NEAR(ys[i], y[i / n * f + i % n * uint32_t(stride)], 1e-6)
+                << f << " " << kf << " " << i;
     }
 }
 
@@ -148,18 +153,23 @@ TEST(LayerShapeChecks, EachBadShapeThrowsAndLogsItsMessage) {
     static const std::vector<float> zeros(1024 * 64, 0.0f);
     const float* w = zeros.data();
     const auto conv = [](uint32_t t, uint32_t f, uint32_t c, uint32_t kt, uint32_t kf, int32_t s,
-                         uint32_t o, uint32_t g, const float* p) { conv2d_layer(t, f, c, p, kt, kf, s, o, 0, 0, g); };
-    const auto up = [](uint32_t t, uint32_t f, uint32_t c, uint32_t kt, uint32_t kf, uint32_t out_pad_t,
-                       uint32_t out_pad_f, uint32_t s, uint32_t o, uint32_t g, const float* p) {
+                         uint32_t o, uint32_t g,
+                         const float* p) { conv2d_layer(t, f, c, p, kt, kf, s, o, 0, 0, g); };
+    const auto up = [](uint32_t t, uint32_t f, uint32_t c, uint32_t kt, uint32_t kf,
+                       uint32_t out_pad_t, uint32_t out_pad_f, uint32_t s, uint32_t o, uint32_t g,
+                       const float* p) {
         conv_transpose2d_layer(t, f, c, p, kt, kf, 0, 1, out_pad_t, out_pad_f, 1, s, o, g);
     };
     const std::vector<uint16_t> widths(32, 8); // 256 bins, not 241
     const std::pair<const char*, std::function<void()>> rows[] = {
-        {"conv2d: in_channels is 6, must be divisible by groups = 4", [&] { conv(1, 8, 6, 1, 3, 1, 4, 4, w); }},
-        {"conv2d: out_channels is 6, must be divisible by groups = 4", [&] { conv(1, 8, 4, 1, 3, 1, 6, 4, w); }},
+        {"conv2d: in_channels is 6, must be divisible by groups = 4",
+         [&] { conv(1, 8, 6, 1, 3, 1, 4, 4, w); }},
+        {"conv2d: out_channels is 6, must be divisible by groups = 4",
+         [&] { conv(1, 8, 4, 1, 3, 1, 6, 4, w); }},
         {"conv2d: freq_stride is 0, must be >= 1", [&] { conv(1, 8, 4, 1, 3, 0, 4, 1, w); }},
         {"conv2d: freq_stride is -2, must be >= 1", [&] { conv(1, 8, 4, 1, 3, -2, 4, 1, w); }},
-        {"conv2d: kernel_time is 3, must be <= padded time length = 2", [&] { conv(2, 8, 1, 3, 3, 1, 4, 1, w); }},
+        {"conv2d: kernel_time is 3, must be <= padded time length = 2",
+         [&] { conv(2, 8, 1, 3, 3, 1, 4, 1, w); }},
         {"conv2d: time_length is 0, must be >= 1", [&] { conv(0, 8, 1, 1, 3, 1, 4, 1, w); }},
         {"conv2d: freq_length is 0, must be >= 1", [&] { conv(1, 0, 1, 1, 3, 1, 4, 1, w); }},
         {"conv2d: out_channels is 0, must be >= 1", [&] { conv(1, 8, 1, 1, 3, 1, 0, 1, w); }},
@@ -170,27 +180,46 @@ TEST(LayerShapeChecks, EachBadShapeThrowsAndLogsItsMessage) {
         {"kernel_dim_1 is 3, must be 1", [&] { up(1, 8, 1, 3, 3, 0, 1, 2, 1, 1, w); }},
         {"out_pad_1 is 1, must be < stride_1 = 1", [&] { up(1, 8, 1, 1, 3, 1, 1, 2, 1, 1, w); }},
         {"out_pad_2 is 2, must be < stride_2 = 2", [&] { up(1, 8, 1, 1, 3, 0, 2, 2, 1, 1, w); }},
-        {"conv_transpose2d: in_channels is 6, must be divisible by groups = 4", [&] { up(1, 8, 6, 1, 3, 0, 1, 2, 4, 4, w); }},
-        {"conv_transpose2d: out_channels is 6, must be divisible by groups = 4", [&] { up(1, 8, 4, 1, 3, 0, 1, 2, 6, 4, w); }},
-        {"conv_transpose2d: in_freq is 0, must be >= 1", [&] { up(1, 0, 1, 1, 3, 0, 1, 2, 1, 1, w); }},
-        {"conv_transpose2d: groups is 0, must be >= 1", [&] { up(1, 8, 1, 1, 3, 0, 1, 2, 1, 0, w); }},
-        {"conv_transpose2d: output size is 1 x -1, must be at least 1 x 1", [&] { up(1, 1, 1, 1, 1, 0, 0, 1, 1, 1, w); }},
-        {"conv_transpose2d: weights pointer is null", [&] { up(1, 8, 1, 1, 3, 0, 1, 2, 1, 1, nullptr); }},
+        {"conv_transpose2d: in_channels is 6, must be divisible by groups = 4",
+         [&] { up(1, 8, 6, 1, 3, 0, 1, 2, 4, 4, w); }},
+        {"conv_transpose2d: out_channels is 6, must be divisible by groups = 4",
+         [&] { up(1, 8, 4, 1, 3, 0, 1, 2, 6, 4, w); }},
+        {"conv_transpose2d: in_freq is 0, must be >= 1",
+         [&] { up(1, 0, 1, 1, 3, 0, 1, 2, 1, 1, w); }},
+        {"conv_transpose2d: groups is 0, must be >= 1",
+         [&] { up(1, 8, 1, 1, 3, 0, 1, 2, 1, 0, w); }},
+        {"conv_transpose2d: output size is 1 x -1, must be at least 1 x 1",
+         [&] { up(1, 1, 1, 1, 1, 0, 0, 1, 1, 1, w); }},
+        {"conv_transpose2d: weights pointer is null",
+         [&] { up(1, 8, 1, 1, 3, 0, 1, 2, 1, 1, nullptr); }},
         {"batch_norm: channels is 0, must be >= 1", [&] { batch_norm_layer(w, w, w, w, 0, 1, 1); }},
-        {"batch_norm: time_length is 0, must be >= 1", [&] { batch_norm_layer(w, w, w, w, 1, 0, 1); }},
-        {"batch_norm: a parameter pointer is null", [&] { batch_norm_layer(w, nullptr, w, w, 1, 1, 1); }},
-        {"The input_size = 1001 must be divisible by groups = 8, ", [&] { grouped_linear_layer(w, 1001, 512, 8); }},
-        {"The input_size = 1000 must be divisible by groups = 7, ", [&] { grouped_linear_layer(w, 1000, 511, 7); }},
-        // Deliberately refused although 8 divides 1000: the per-group width 125 is not a multiple of 8.
-        {"The input_size = 1000 must be divisible by groups = 8, ", [&] { grouped_linear_layer(w, 1000, 512, 8); }},
-        {"grouped_linear: output_size is 12, must be divisible by groups = 8", [&] { grouped_linear_layer(w, 64, 12, 8); }},
+        {"batch_norm: time_length is 0, must be >= 1",
+         [&] { batch_norm_layer(w, w, w, w, 1, 0, 1); }},
+        {"batch_norm: a parameter pointer is null",
+         [&] { batch_norm_layer(w, nullptr, w, w, 1, 1, 1); }},
+        {"The input_size = 1001 must be divisible by groups = 8, ",
+         [&] { grouped_linear_layer(w, 1001, 512, 8); }},
+        {"The input_size = 1000 must be divisible by groups = 7, ",
+         [&] { grouped_linear_layer(w, 1000, 511, 7); }},
+        // Deliberately refused although 8 divides 1000: the per-group width 125 is not a multiple
+        // of 8.
+        {"The input_size = 1000 must be divisible by groups = 8, ",
+         [&] { grouped_linear_layer(w, 1000, 512, 8); }},
+        {"grouped_linear: output_size is 12, must be divisible by groups = 8",
+         [&] { grouped_linear_layer(w, 64, 12, 8); }},
         {"grouped_linear: groups is 0, must be >= 1", [&] { grouped_linear_layer(w, 16, 16, 0); }},
-        {"grouped_linear: input_size is 0 and output_size is 16, both must be >= 1", [&] { grouped_linear_layer(w, 0, 16, 8); }},
-        {"grouped_linear: weights pointer is null", [&] { grouped_linear_layer(nullptr, 64, 16, 8); }},
-        {"gru: hidden_size is 0, must be >= 1", [&] { gru_layer(4, 0, w, w, w, w, w, w, w, w, w, w, w, w); }},
-        {"gru: input_size is 0, must be >= 1", [&] { gru_layer(0, 4, w, w, w, w, w, w, w, w, w, w, w, w); }},
-        {"gru: a weight or bias pointer is null", [&] { gru_layer(1, 1, w, w, w, w, w, w, w, w, nullptr, w, w, w); }},
-        {"DFN synthesis: the 32 ERB bands cover 256 bins, not 241", [&] { dfn_synthesis{widths.data()}; }},
+        {"grouped_linear: input_size is 0 and output_size is 16, both must be >= 1",
+         [&] { grouped_linear_layer(w, 0, 16, 8); }},
+        {"grouped_linear: weights pointer is null",
+         [&] { grouped_linear_layer(nullptr, 64, 16, 8); }},
+        {"gru: hidden_size is 0, must be >= 1",
+         [&] { gru_layer(4, 0, w, w, w, w, w, w, w, w, w, w, w, w); }},
+        {"gru: input_size is 0, must be >= 1",
+         [&] { gru_layer(0, 4, w, w, w, w, w, w, w, w, w, w, w, w); }},
+        {"gru: a weight or bias pointer is null",
+         [&] { gru_layer(1, 1, w, w, w, w, w, w, w, w, nullptr, w, w, w); }},
+        {"DFN synthesis: the 32 ERB bands cover 256 bins, not 241",
+         [&] { dfn_synthesis{widths.data()}; }},
     };
     for (const auto& [message, build] : rows) {
         quelora::testing::log_capture capture;

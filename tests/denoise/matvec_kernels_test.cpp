@@ -21,7 +21,9 @@ const char* const kernel_names[] = {"MatrixVector", "MatrixMatrix", "MatrixVecto
                                     "RowPairTimesMatrix"};
 constexpr float sentinel = 12345.0f;
 
-struct shape { uint32_t m, k, n; }; // (m x k) times (k x n)
+struct shape {
+    uint32_t m, k, n;
+}; // (m x k) times (k x n)
 
 // The model's: GRU gate blocks (768 x 256, one gate, the fixtures' 48 x 24),
 // grouped linear groups (3072 -> 512 over 8 is 1 x 384 x 64, ...), and the
@@ -32,12 +34,22 @@ std::vector<shape> shapes(kernel kind) {
     std::vector<shape> all = {{1, 384, 64}, {1, 128, 32}, {1, 32, 32}, {1, 32, 64}, {1, 32, 120}};
     if (vector) all = {{768, 256, 1}, {256, 256, 1}, {48, 24, 1}};
     if (kind == matrix_matrix)
-        all.insert(all.end(), {{64, 64, 96}, {64, 64, 48}, {64, 64, 32}, {64, 64, 16}, {64, 64, 8},
-                               {64, 9, 32}, {32, 9, 96}, {1, 192, 32}, {5, 160, 96}, {10, 10, 96}});
-    const list ms = vector ? list{1, 2, 3, 4, 5, 7, 9, 13}
-                    : kind == matrix_matrix ? list{1, 2, 3, 4, 5, 8, 12, 13, 15} : list{1};
+        all.insert(all.end(), {{64, 64, 96},
+                               {64, 64, 48},
+                               {64, 64, 32},
+                               {64, 64, 16},
+                               {64, 64, 8},
+                               {64, 9, 32},
+                               {32, 9, 96},
+                               {1, 192, 32},
+                               {5, 160, 96},
+                               {10, 10, 96}});
+    const list ms = vector                  ? list{1, 2, 3, 4, 5, 7, 9, 13}
+                    : kind == matrix_matrix ? list{1, 2, 3, 4, 5, 8, 12, 13, 15}
+                                            : list{1};
     const list ks = vector ? list{1, 3, 7, 8, 9, 15, 16, 17, 23, 24, 31, 257} : list{1, 7, 33};
-    const list ns = vector ? list{1} : list{1, 3, 7, 8, 9, 15, 17, 24, 31, 32, 33, 39, 63, 64, 65, 71, 130};
+    const list ns =
+        vector ? list{1} : list{1, 3, 7, 8, 9, 15, 17, 24, 31, 32, 33, 39, 63, 64, 65, 71, 130};
     for (uint32_t m : ms)
         for (uint32_t k : ks)
             for (uint32_t n : ns) all.push_back({m, k, n});
@@ -85,7 +97,8 @@ TEST_P(MatvecKernels, MatchDoubleSumsAndWriteNothingPastTheEnd) {
         if (kind == matrix_vector_pair)
             f->matrix_vector_pair(a0.data(), s.m, s.k, b0.data(), b1.data(), c0.data(), c1.data());
         if (kind == row_pair_times_matrix)
-            f->row_pair_times_matrix(a0.data(), a1.data(), b0.data(), s.k, s.n, c0.data(), c1.data());
+            f->row_pair_times_matrix(a0.data(), a1.data(), b0.data(), s.k, s.n, c0.data(),
+                                     c1.data());
         expect_product(c0, a0, b0, s, "first");
         if (kind == matrix_vector_pair || kind == row_pair_times_matrix)
             expect_product(c1, a1, b1, s, "second");
@@ -95,7 +108,8 @@ TEST_P(MatvecKernels, MatchDoubleSumsAndWriteNothingPastTheEnd) {
 INSTANTIATE_TEST_SUITE_P(, MatvecKernels,
                          ::testing::Combine(::testing::Bool(),
                                             ::testing::Values(matrix_vector, matrix_matrix,
-                                                              matrix_vector_pair, row_pair_times_matrix)),
+                                                              matrix_vector_pair,
+                                                              row_pair_times_matrix)),
                          [](const ::testing::TestParamInfo<MatvecKernels::ParamType>& param) {
                              return std::string(std::get<0>(param.param) ? "Avx2Fma" : "Portable") +
                                     kernel_names[std::get<1>(param.param)];
@@ -105,7 +119,8 @@ TEST(MatvecKernelDispatch, PicksAvx2FmaExactlyWhenTheProcessorHasBoth) {
     dsp::initialize_processor_dispatch();
     const auto& cpu = dsp::current_processor_features();
     EXPECT_EQ(avx2_fma_matvec_kernels() != nullptr, cpu.avx2 && cpu.fma);
-    EXPECT_EQ(std::string(selected_matvec_kernels().name), cpu.avx2 && cpu.fma ? "avx2_fma" : "portable");
+    EXPECT_EQ(std::string(selected_matvec_kernels().name),
+              cpu.avx2 && cpu.fma ? "avx2_fma" : "portable");
 }
 
 } // namespace

@@ -25,7 +25,8 @@ std::vector<float> test_signal(std::size_t count) { // around -20 dBFS, every sa
     std::mt19937 rng(12345);
     std::uniform_real_distribution<float> noise(-0.05f, 0.05f);
     std::vector<float> x(count);
-    for (std::size_t i = 0; i < count; ++i) x[i] = 0.06f * std::sin(0.0314f * float(i)) + noise(rng);
+    for (std::size_t i = 0; i < count; ++i)
+        x[i] = 0.06f * std::sin(0.0314f * float(i)) + noise(rng);
     return x;
 }
 
@@ -43,7 +44,7 @@ float peak(const float* x, std::size_t count) {
 // e^(-240 / 48000) = 0.99501 to the fewest decimals below 1; the window's norm.
 TEST(DfnAnalysis, BandWidthsAlphaAndNormAreTheCommittedValues) {
     const dfn_analysis analysis;
-    const uint16_t widths[] = {2, 2, 2, 2, 2, 2, 2, 2, 2,  2,  2,  2,  2,  2,  2,  2,
+    const uint16_t widths[] = {2, 2, 2, 2, 2, 2, 2, 2,  2,  2,  2,  2,  2,  2,  2,  2,
                                2, 2, 2, 2, 6, 8, 9, 10, 12, 14, 16, 18, 21, 25, 28, 34};
     EXPECT_TRUE(std::equal(widths, widths + 32, analysis.band_widths()));
     EXPECT_EQ(analysis.alpha(), 0.995f);
@@ -76,14 +77,16 @@ TEST(DfnModel, BlocksEqualTwoSingleHops) {
         expect_close(mixed.gains(), by_hop.gains(), 32, hop + 1);
         expect_close(mixed.coefficients(), by_hop.coefficients(), 960, hop + 1);
     }
-    EXPECT_GT(peak(want.data(), 960), 0.01f); // the network's output stands well above the tolerance
+    EXPECT_GT(peak(want.data(), 960),
+              0.01f); // the network's output stands well above the tolerance
 }
 
 TEST(NoiseCanceller, LogsCreationAndDestruction) {
     quelora::testing::log_capture log;
     { const noise_canceller canceller(48000, 1, 480, random_table()); }
-    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Noise cancellation model: DFN (created)",
-                                                        "Noise cancellation model: DFN (destroyed)"}));
+    EXPECT_EQ(log.messages(),
+              (std::vector<std::string>{"Noise cancellation model: DFN (created)",
+                                        "Noise cancellation model: DFN (destroyed)"}));
 }
 
 std::vector<float> read_f32(const std::string& name) {
@@ -142,8 +145,12 @@ TEST(NoiseCanceller, FrameLengthsGiveTheBlockStreamAndAnExactDryDelay) {
             std::copy_n(in, frames, buffer.begin());
             canceller.process(buffer.data(), buffer.data(), dry.data() + c * frames);
             const bool ready = (c + 1) * frames / 480 * 480 - consumed >= frames;
-            ASSERT_TRUE(std::equal(buffer.begin(), buffer.begin() + frames, ready ? stream.data() + consumed : in)) << c;
-            ASSERT_TRUE(std::equal(buffer.begin(), buffer.begin() + frames, buffer.begin() + frames)) << c;
+            ASSERT_TRUE(std::equal(buffer.begin(), buffer.begin() + frames,
+                                   ready ? stream.data() + consumed : in))
+                << c;
+            ASSERT_TRUE(
+                std::equal(buffer.begin(), buffer.begin() + frames, buffer.begin() + frames))
+                << c;
             consumed += ready ? frames : 0;
             for (std::size_t i = c * frames; i < (c + 1) * frames; ++i)
                 ASSERT_EQ(dry[i], i < delay ? 0.0f : x[i - delay]) << i;
@@ -173,7 +180,8 @@ TEST(NoiseCanceller, DitherKeepsDigitalSilenceOffTheFeatureFloor) {
 // A NaN or infinity would stay in the recurrent states and the
 // normalisation means for good; such samples enter as silence instead.
 TEST(NoiseCanceller, NonFiniteSamplesEnterAsSilence) {
-    noise_canceller poisoned(48000, 1, 480, random_table()), reference(48000, 1, 480, random_table());
+    noise_canceller poisoned(48000, 1, 480, random_table()),
+        reference(48000, 1, 480, random_table());
     std::vector<float> x = test_signal(480 * 8), bad = x, a(480), b(480), dry(480);
     bad[3] = std::numeric_limits<float>::quiet_NaN();
     bad[100] = -std::numeric_limits<float>::infinity();

@@ -31,8 +31,9 @@ std::pair<cvector, double> direct_dft(const cvector& x, int count, double sign) 
     }
     for (int k = 0; k < count; ++k)
         for (int n = 0, at = 0; n < size; ++n, at = at + k < size ? at + k : at + k - size)
-            out[k] += std::complex<double>(x[n].real() * roots[at].real() - x[n].imag() * roots[at].imag(),
-                                           x[n].real() * roots[at].imag() + x[n].imag() * roots[at].real());
+            out[k] += std::complex<double>(
+                x[n].real() * roots[at].real() - x[n].imag() * roots[at].imag(),
+                x[n].real() * roots[at].imag() + x[n].imag() * roots[at].real());
     return {out, 2.0 * 0x1p-24 * std::log2(double(size)) * std::sqrt(energy)};
 }
 
@@ -48,9 +49,11 @@ TEST(RealFft, BothDirectionsMatchTheDirectDft) {
         for (float& v : x) v = u(rng);
         std::vector<std::complex<float>> bins(half);
         fft.forward(x.data(), bins.data());
-        const auto [expected, forward_tolerance] = direct_dft({x.begin(), x.end()}, size / 2 + 1, -1);
+        const auto [expected, forward_tolerance] =
+            direct_dft({x.begin(), x.end()}, size / 2 + 1, -1);
         for (size_t k = 0; k < half; ++k)
-            ASSERT_LE(std::abs(std::complex<double>(bins[k]) - expected[k]), forward_tolerance) << k;
+            ASSERT_LE(std::abs(std::complex<double>(bins[k]) - expected[k]), forward_tolerance)
+                << k;
         EXPECT_TRUE(bins[0].imag() == 0.0f && bins[half - 1].imag() == 0.0f);
 
         // Random bins, the imaginary parts of bins 0 and size / 2 included,

@@ -20,11 +20,17 @@ double uniform(uint64_t i) {
 double value(const denoise::weight_tensor& t, double u) {
     using denoise::tensor_kind;
     switch (t.kind) {
-    case tensor_kind::weight: return (2.0 * u - 1.0) * std::sqrt(3.0 / t.fan_in);
-    case tensor_kind::gru_bias: return (2.0 * u - 1.0) * 0.0625;
-    case tensor_kind::bn_scale: return 0.75 + 0.5 * u;
-    case tensor_kind::bn_shift: case tensor_kind::bn_mean: return 0.2 * (2.0 * u - 1.0);
-    case tensor_kind::bn_variance: return 0.5 + u;
+    case tensor_kind::weight:
+        return (2.0 * u - 1.0) * std::sqrt(3.0 / t.fan_in);
+    case tensor_kind::gru_bias:
+        return (2.0 * u - 1.0) * 0.0625;
+    case tensor_kind::bn_scale:
+        return 0.75 + 0.5 * u;
+    case tensor_kind::bn_shift:
+    case tensor_kind::bn_mean:
+        return 0.2 * (2.0 * u - 1.0);
+    case tensor_kind::bn_variance:
+        return 0.5 + u;
     }
     return 0.0;
 }

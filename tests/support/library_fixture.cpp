@@ -11,7 +11,8 @@ namespace quelora::testing {
 
 std::string write_temp_file(const std::string& name, const std::string& text) {
     static std::atomic<int> counter{0};
-    const auto dir = std::filesystem::temp_directory_path() / ("quelora-tests-" + std::to_string(::getpid()));
+    const auto dir =
+        std::filesystem::temp_directory_path() / ("quelora-tests-" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
     const auto path = dir / (std::to_string(counter++) + "-" + name);
     std::ofstream(path, std::ios::binary) << text;

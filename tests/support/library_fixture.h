@@ -45,11 +45,13 @@ int participant_count(qel_handle handle, uint32_t room);
 inline std::string layout_json(const char* key, int id, bool open, bool stacking, int radius,
                                const char* default_states = "{}") {
     std::ostringstream out;
-    out << std::boolalpha << '"' << key << R"(": {"id": )" << id << R"(, "desc": "", "openRoom": )" << open
-        << R"(, "allowParticipantStacking": )" << stacking << R"(, "stackDelta": 50, "centerPoint": {"x": 0, "y": 0, "z": 0})"
+    out << std::boolalpha << '"' << key << R"(": {"id": )" << id << R"(, "desc": "", "openRoom": )"
+        << open << R"(, "allowParticipantStacking": )" << stacking
+        << R"(, "stackDelta": 50, "centerPoint": {"x": 0, "y": 0, "z": 0})"
         << R"(, "defaultStates": )" << default_states << R"(, "seats": [)";
     for (const auto& [x, z] : {std::pair{0, 1}, {1, 0}, {0, -1}, {-1, 0}}) {
-        out << (x + z == 1 && x == 0 ? "" : ", ") << R"({"x": )" << x * radius << R"(, "y": 0, "z": )" << z * radius << "}";
+        out << (x + z == 1 && x == 0 ? "" : ", ") << R"({"x": )" << x * radius
+            << R"(, "y": 0, "z": )" << z * radius << "}";
         if (radius == 0) break;
     }
     out << "]}";
@@ -58,8 +60,10 @@ inline std::string layout_json(const char* key, int id, bool open, bool stacking
 
 // Layouts 10 (default; closed, radius 100, no stacking), 20 (the same with stacking) and 30 (open).
 inline std::string four_seat_layouts_json() {
-    return R"({"default": "closed", "room_list": {)" + layout_json("closed", 10, false, false, 100) + ", " +
-           layout_json("stacking", 20, false, true, 100) + ", " + layout_json("open", 30, true, true, 0) + "}}";
+    return R"({"default": "closed", "room_list": {)" +
+           layout_json("closed", 10, false, false, 100) + ", " +
+           layout_json("stacking", 20, false, true, 100) + ", " +
+           layout_json("open", 30, true, true, 0) + "}}";
 }
 
 } // namespace quelora::testing

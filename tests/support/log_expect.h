@@ -11,8 +11,8 @@ inline log_line info(const std::string& message) { return {QEL_LOG_INFO, message
 inline log_line warning(const std::string& message) { return {QEL_LOG_WARNING, message}; }
 inline log_line error(const std::string& message) { return {QEL_LOG_ERROR, message}; }
 
-// The noise canceller's lines while a participant with an input side (regular or source only) is built and
-// freed; listener-only participants own no canceller and log neither.
+// The noise canceller's lines while a participant with an input side (regular or source only) is
+// built and freed; listener-only participants own no canceller and log neither.
 inline log_line dfn_created() { return info("Noise cancellation model: DFN (created)"); }
 inline log_line dfn_destroyed() { return info("Noise cancellation model: DFN (destroyed)"); }
 
@@ -20,20 +20,25 @@ inline log_line dfn_destroyed() { return info("Noise cancellation model: DFN (de
 struct call_site {
     const char* file;
     unsigned line;
-    static call_site current(const char* file = __builtin_FILE(), unsigned line = __builtin_LINE()) { return {file, line}; }
+    static call_site current(const char* file = __builtin_FILE(),
+                             unsigned line = __builtin_LINE()) {
+        return {file, line};
+    }
 };
 
 inline void check_lines(const std::vector<log_line>& got, const std::vector<log_line>& expected) {
     const auto describe = [](const std::vector<log_line>& lines) {
         std::string out;
-        for (const auto& l : lines) out += "\n    [" + std::to_string(static_cast<int>(l.level)) + "] " + l.message;
+        for (const auto& l : lines)
+            out += "\n    [" + std::to_string(static_cast<int>(l.level)) + "] " + l.message;
         return out.empty() ? std::string(" (none)") : out;
     };
     bool same = got.size() == expected.size();
     for (size_t i = 0; same && i < got.size(); ++i) {
         same = got[i].level == expected[i].level && got[i].message == expected[i].message;
     }
-    EXPECT_TRUE(same) << "expected lines:" << describe(expected) << "\nactual lines:" << describe(got);
+    EXPECT_TRUE(same) << "expected lines:" << describe(expected)
+                      << "\nactual lines:" << describe(got);
 }
 
 // Runs one call on a cleared log and checks its code and that it logged exactly `expected`.

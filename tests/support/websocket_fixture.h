@@ -41,13 +41,22 @@ inline const tls_files& test_tls_files() {
         char pattern[] = "/tmp/quelora-tls-XXXXXX";
         const std::string d = mkdtemp(pattern) != nullptr ? pattern : "/tmp/quelora-tls";
         const std::string command =
-            "cd " + d + " && (openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -days 2"
-            " -subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout key.pem -out cert.pem"
-            " -passout 'pass:test pass phrase' && openssl pkey -in key.pem -passin 'pass:test pass phrase'"
-            " -aes256 -out other_key.pem -passout 'pass:other pass phrase' && openssl genpkey -genparam"
+            "cd " + d +
+            " && (openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -days 2"
+            " -subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout key.pem -out "
+            "cert.pem"
+            " -passout 'pass:test pass phrase' && openssl pkey -in key.pem -passin 'pass:test pass "
+            "phrase'"
+            " -aes256 -out other_key.pem -passout 'pass:other pass phrase' && openssl genpkey "
+            "-genparam"
             " -algorithm DH -pkeyopt group:ffdhe2048 -out dh.pem) >openssl.log 2>&1";
         EXPECT_EQ(std::system(command.c_str()), 0) << "openssl failed; see " << d << "/openssl.log";
-        return tls_files{d, d + "/cert.pem", d + "/key.pem", d + "/other_key.pem", d + "/dh.pem", "test pass phrase"};
+        return tls_files{d,
+                         d + "/cert.pem",
+                         d + "/key.pem",
+                         d + "/other_key.pem",
+                         d + "/dh.pem",
+                         "test pass phrase"};
     }();
     return files;
 }
@@ -64,18 +73,21 @@ inline uint16_t free_tcp_port() {
 }
 
 // The configuration for test_tls_files() on `port` with the key "token".
-inline events::websocket_configuration test_websocket_configuration(uint16_t port,
-                                                                    const std::string& value = "secret") {
+inline events::websocket_configuration
+test_websocket_configuration(uint16_t port, const std::string& value = "secret") {
     const tls_files& files = test_tls_files();
     return {port, files.cert, files.dh, files.key, files.passphrase, "token", value};
 }
 
 // Written as a JSON file; its path.
 inline std::string write_websocket_configuration(const events::websocket_configuration& c) {
-    const nlohmann::ordered_json document = {
-        {"port", c.port}, {"cert_file_name", c.cert_file_name}, {"dh_params_file_name", c.dh_params_file_name},
-        {"key_file_name", c.key_file_name}, {"passphrase", c.passphrase},
-        {"authentification_key", c.authentification_key}, {"authentification_value", c.authentification_value}};
+    const nlohmann::ordered_json document = {{"port", c.port},
+                                             {"cert_file_name", c.cert_file_name},
+                                             {"dh_params_file_name", c.dh_params_file_name},
+                                             {"key_file_name", c.key_file_name},
+                                             {"passphrase", c.passphrase},
+                                             {"authentification_key", c.authentification_key},
+                                             {"authentification_value", c.authentification_value}};
     return write_temp_file("websocket.json", document.dump());
 }
 
@@ -87,7 +99,8 @@ inline std::vector<std::string> with_key(std::vector<std::string> more = {}) {
 
 // Polls `predicate` until it holds (true) or 60 s pass (false).
 inline bool wait_until(const std::function<bool()>& predicate) {
-    for (int step = 0; step < 30000 && !predicate(); ++step) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    for (int step = 0; step < 30000 && !predicate(); ++step)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     return predicate();
 }
 
@@ -96,9 +109,11 @@ inline bool wait_until(const std::function<bool()>& predicate) {
 class python_client {
 public:
     python_client(uint16_t port, const std::vector<std::string>& arguments) {
-        std::string command = "exec /usr/bin/python3 -u " QUELORA_TEST_SOURCE_DIR "/websocket/ws_client.py --port " +
+        std::string command = "exec /usr/bin/python3 -u " QUELORA_TEST_SOURCE_DIR
+                              "/websocket/ws_client.py --port " +
                               std::to_string(port) + " --cafile " + test_tls_files().cert;
-        for (const auto& argument : arguments) command += " '" + argument + "'"; // none holds a quote
+        for (const auto& argument : arguments)
+            command += " '" + argument + "'"; // none holds a quote
         out_ = popen(command.c_str(), "re");
         pid_ = std::atoi(read_line().c_str()); // the client's first line
     }
@@ -113,20 +128,23 @@ public:
         char* line = nullptr;
         size_t capacity = 0;
         const ssize_t length = out_ != nullptr ? getline(&line, &capacity, out_) : -1;
-        std::string text = length > 0 ? std::string(line, static_cast<size_t>(length) - 1) : "(end)";
+        std::string text =
+            length > 0 ? std::string(line, static_cast<size_t>(length) - 1) : "(end)";
         std::free(line);
         return text;
     }
 
     // Each client's messages, decoded, up to the final line, which must be `final_line`.
-    std::vector<std::vector<std::string>> read_output(size_t clients, const std::string& final_line) {
+    std::vector<std::vector<std::string>> read_output(size_t clients,
+                                                      const std::string& final_line) {
         std::vector<std::vector<std::string>> messages(clients);
         for (;;) {
             const std::string line = read_line();
             const size_t space = line.find(' ', 8);
             if (line.rfind("message ", 0) == 0 && space != std::string::npos) {
                 const size_t index = std::stoul(line.substr(8, space - 8));
-                if (index < clients) messages[index].push_back(nlohmann::json::parse(line.substr(space + 1)));
+                if (index < clients)
+                    messages[index].push_back(nlohmann::json::parse(line.substr(space + 1)));
             } else if (line.rfind("received ", 0) != 0 && line.rfind("connected ", 0) != 0) {
                 EXPECT_EQ(line, final_line);
                 return messages;

@@ -18,8 +18,9 @@ constexpr int32_t int_min = INT32_MIN;
 constexpr int32_t int_max = INT32_MAX;
 
 // Seat -1 at extreme coordinates; controls 1 .. 16 distinct so that a swap shows.
-const quelora::participant_snapshot snapshot{{-1, int_min, int_max, 30, -180, 90},
-                                             {1, 0, 3, 4, 55, 6, 7, 8, 9, 300, 11, 2, 15, 87, int_min, int_max}};
+const quelora::participant_snapshot snapshot{
+    {-1, int_min, int_max, 30, -180, 90},
+    {1, 0, 3, 4, 55, 6, 7, 8, 9, 300, 11, 2, 15, 87, int_min, int_max}};
 
 const std::string add_tail =
     R"("seat_id":-1,"seat_x":-2147483648,"seat_y":2147483647,"seat_z":30,)"
@@ -44,10 +45,13 @@ TEST(EventMessages, EveryMessageIsWrittenOutExactly) {
         {destroy_room_message(int_max), R"({"Event":"destroy_room","room_id":2147483647})"},
         {add_participant_message(3, 42, "Alice", {48000, 2, QEL_PARTICIPANT_REGULAR}, snapshot),
          R"({"Event":"add_participant","room_id":3,"participant_id":42,"participant_name":"Alice",)"
-         R"("input_number_channels":2,"input_sampling_rate":48000,)" + add_tail},
-        {add_participant_message(int_max, int_min, nullptr, {8000, 1, QEL_PARTICIPANT_LISTENER_ONLY}, snapshot),
+         R"("input_number_channels":2,"input_sampling_rate":48000,)" +
+             add_tail},
+        {add_participant_message(int_max, int_min, nullptr,
+                                 {8000, 1, QEL_PARTICIPANT_LISTENER_ONLY}, snapshot),
          R"({"Event":"add_participant","room_id":2147483647,"participant_id":-2147483648,)"
-         R"("participant_name":"","input_number_channels":1,"input_sampling_rate":8000,)" + add_tail},
+         R"("participant_name":"","input_number_channels":1,"input_sampling_rate":8000,)" +
+             add_tail},
         {remove_participant_message(int_min, int_max),
          R"({"Event":"remove_participant","room_id":-2147483648,"participant_id":2147483647})"},
         {move_participant_message(-1, 2, qel_seat{3, int_min, -5, int_max, -170, 80}),
@@ -72,10 +76,17 @@ TEST(EventMessages, EveryMessageIsWrittenOutExactly) {
          R"({"Event":"set_name","room_id":-1,"participant_id":-2147483648,"name":"Bob"})"},
         {set_name_message(1, 2, nullptr), name_message("")},
         {set_name_message(1, 2, "say \"hi\" \\ a/b"), name_message(R"(say \"hi\" \\ a/b)")},
-        {set_name_message(1, 2, "line\nbreak\ttab\x01\x1f"), name_message(R"(line\nbreak\ttab\u0001\u001f)")},
-        {set_name_message(1, 2, "Zo\xc3\xab \xf0\x9f\x98\x80"), name_message("Zo\xc3\xab \xf0\x9f\x98\x80")},
-        {set_name_message(1, 2, "a\xff" "b"), name_message("a\xef\xbf\xbd" "b")},
+        {set_name_message(1, 2, "line\nbreak\ttab\x01\x1f"),
+         name_message(R"(line\nbreak\ttab\u0001\u001f)")},
+        {set_name_message(1, 2, "Zo\xc3\xab \xf0\x9f\x98\x80"),
+         name_message("Zo\xc3\xab \xf0\x9f\x98\x80")},
+        {set_name_message(1, 2,
+                          "a\xff"
+                          "b"),
+         name_message("a\xef\xbf\xbd"
+                      "b")},
         {set_name_message(1, 2, "Zo\xc3"), name_message("Zo\xef\xbf\xbd")}, // cut short at the end
     };
-    for (size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(rows[i].first, rows[i].second) << "row " << i;
+    for (size_t i = 0; i < rows.size(); ++i)
+        EXPECT_EQ(rows[i].first, rows[i].second) << "row " << i;
 }

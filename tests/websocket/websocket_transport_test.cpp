@@ -21,11 +21,13 @@ using strings = std::vector<std::string>;
 namespace {
 
 const std::string client_pattern = R"(The websocket client 127\.0\.0\.1:[0-9]+)";
-const std::string refused_pattern = R"(The websocket server refused a connection from 127\.0\.0\.1:[0-9]+: )";
+const std::string refused_pattern =
+    R"(The websocket server refused a connection from 127\.0\.0\.1:[0-9]+: )";
 
 size_t count_matching(const log_capture& capture, qel_log_level level, const std::string& pattern) {
     size_t count = 0;
-    for (const auto& message : capture.messages_at(level)) count += std::regex_match(message, std::regex(pattern));
+    for (const auto& message : capture.messages_at(level))
+        count += std::regex_match(message, std::regex(pattern));
     return count;
 }
 
@@ -41,7 +43,8 @@ struct server {
 void expect_start(ev::websocket_transport& transport, int32_t port) {
     log_capture capture;
     transport.start();
-    EXPECT_EQ(capture.messages(), strings{"The websocket server is listening on port " + std::to_string(port)});
+    EXPECT_EQ(capture.messages(),
+              strings{"The websocket server is listening on port " + std::to_string(port)});
 }
 
 } // namespace
@@ -50,7 +53,8 @@ TEST(WebsocketTransport, StartFailuresNameTheFileOrPortAndARetrySucceeds) {
     const tls_files& tls = test_tls_files();
     const std::string cert = "The websocket server could not load the certificate file '@': ";
     const std::string key = "The websocket server could not load the private key file '@'";
-    const std::string dh = "The websocket server could not load the Diffie-Hellman parameters file '@': ";
+    const std::string dh =
+        "The websocket server could not load the Diffie-Hellman parameters file '@': ";
     using c = ev::websocket_configuration;
     // The file given a scratch path, what is there first ("": nothing), the message ('@': the
     // scratch path), and what is copied there before the retry.
@@ -62,7 +66,8 @@ TEST(WebsocketTransport, StartFailuresNameTheFileOrPortAndARetrySucceeds) {
         {&c::key_file_name, tls.other_key, key + " (wrong pass phrase?): bad decrypt", tls.key},
         {&c::dh_params_file_name, "", dh + "No such file or directory", tls.dh},
         {&c::dh_params_file_name, tls.cert, dh + "no start line", tls.dh}};
-    const auto expect_start_failure = [](ev::websocket_transport& transport, const std::string& message) {
+    const auto expect_start_failure = [](ev::websocket_transport& transport,
+                                         const std::string& message) {
         for (int attempt = 0; attempt < 2; ++attempt) { // nothing is left half set up
             log_capture capture;
             try {
@@ -93,9 +98,10 @@ TEST(WebsocketTransport, StartFailuresNameTheFileOrPortAndARetrySucceeds) {
         auto configuration = test_websocket_configuration(1);
         configuration.port = port;
         ev::websocket_transport transport(configuration);
-        expect_start_failure(transport, "The websocket server could not listen on port " + std::to_string(port) +
-                                            (port == holder_port ? ": Address already in use"
-                                                                  : ": it is not a port number (1 to 65535)"));
+        expect_start_failure(
+            transport, "The websocket server could not listen on port " + std::to_string(port) +
+                           (port == holder_port ? ": Address already in use"
+                                                : ": it is not a port number (1 to 65535)"));
         if (port != holder_port) continue;
         holder.reset();
         expect_start(transport, port);
@@ -110,10 +116,16 @@ TEST(WebsocketTransport, RefusesClientsWithoutTheKeyAndServesEveryOtherByteExact
     // Client arguments, the start of its one line, its exit code, the reason logged.
     const std::vector<std::tuple<strings, std::string, int, std::string>> refused = {
         {{}, "refused 401", 3, "missing authentication"},
-        {{"--query", query.substr(0, query.size() - 1)}, "refused 401", 3, "missing authentication"}, // "%2" is cut short
+        {{"--query", query.substr(0, query.size() - 1)},
+         "refused 401",
+         3,
+         "missing authentication"}, // "%2" is cut short
         {{"--header", "token=" + value + "x"}, "refused 401", 3, "wrong authentication value"},
         {{"--query", query + "+"}, "refused 401", 3, "wrong authentication value"},
-        {{"--mode", "get", "--query", query}, R"(status 401 Quelora "Unauthorized\n")", 0, "not a websocket upgrade request"}};
+        {{"--mode", "get", "--query", query},
+         R"(status 401 Quelora "Unauthorized\n")",
+         0,
+         "not a websocket upgrade request"}};
     for (const auto& [arguments, line, exit_code, reason] : refused) {
         capture.clear();
         python_client client(s.port, arguments);
@@ -130,16 +142,19 @@ TEST(WebsocketTransport, RefusesClientsWithoutTheKeyAndServesEveryOtherByteExact
     ASSERT_EQ(by_query.read_line(), "connected 1");
     EXPECT_EQ(s.transport.client_count(), 51u); // recipients before their 101 response went out
 
-    strings sent = {"gr\xc3\xbc\xc3\x9f Gott \xe2\x82\xac \xf0\x9f\x8e\xa7 \xe6\x97\xa5\xe6\x9c\xac",
-                    "line one\nline two\t\"quoted\" back\\slash \x01", std::string("nul\0inside", 10), "",
-                    std::string(100000, 'x') + "\xc3\xa9t\xc3\xa9"};
-    while (sent.size() < 100) sent.push_back(R"({"Event":"set_name","n":)" + std::to_string(sent.size()) + "}");
+    strings sent = {
+        "gr\xc3\xbc\xc3\x9f Gott \xe2\x82\xac \xf0\x9f\x8e\xa7 \xe6\x97\xa5\xe6\x9c\xac",
+        "line one\nline two\t\"quoted\" back\\slash \x01", std::string("nul\0inside", 10), "",
+        std::string(100000, 'x') + "\xc3\xa9t\xc3\xa9"};
+    while (sent.size() < 100)
+        sent.push_back(R"({"Event":"set_name","n":)" + std::to_string(sent.size()) + "}");
     for (const auto& text : sent) s.transport.broadcast(text);
     // Then four threads at once: each thread's texts keep its order.
     std::vector<std::thread> senders;
     for (size_t t = 0; t < 4; ++t) {
         senders.emplace_back([&s, t] {
-            for (size_t k = 0; k < 100; ++k) s.transport.broadcast(std::to_string(t) + " " + std::to_string(k));
+            for (size_t k = 0; k < 100; ++k)
+                s.transport.broadcast(std::to_string(t) + " " + std::to_string(k));
         });
     }
     for (auto& sender : senders) sender.join();
@@ -156,7 +171,10 @@ TEST(WebsocketTransport, RefusesClientsWithoutTheKeyAndServesEveryOtherByteExact
     }
     for (size_t c = 1; c < outputs.size(); ++c) EXPECT_TRUE(outputs[c] == first) << "client " << c;
     EXPECT_EQ(many.wait_exit() + by_query.wait_exit(), 0);
-    EXPECT_TRUE(wait_until([&] { return count_matching(capture, QEL_LOG_INFO, client_pattern + " closed the connection") == 51; }));
+    EXPECT_TRUE(wait_until([&] {
+        return count_matching(capture, QEL_LOG_INFO, client_pattern + " closed the connection") ==
+               51;
+    }));
     EXPECT_EQ(count_matching(capture, QEL_LOG_INFO, client_pattern + " connected"), 51u);
     EXPECT_EQ(s.transport.client_count(), 0u);
     EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING), strings{});
@@ -180,16 +198,20 @@ TEST(WebsocketTransport, DropsClientsThatLeaveOrFallBehindAndServesTheRest) {
         for (const char* text : {"one", "two", "three"}) send(text);
         EXPECT_EQ(leaver.read_output(1, "aborted")[0], (strings{"one", "two", "three"}));
         EXPECT_TRUE(wait_until([&] { return s.transport.client_count() == 1; }));
-        EXPECT_EQ(count_matching(capture, QEL_LOG_WARNING, client_pattern + " disconnected: .+"), 1u);
+        EXPECT_EQ(count_matching(capture, QEL_LOG_WARNING, client_pattern + " disconnected: .+"),
+                  1u);
     }
     // Four 64 KiB texts fill the 256 KiB bound; with 16 KiB texts the 8 message bound comes first.
     for (const auto& [bytes, waiting] : {std::pair<size_t, int>{64 * 1024, 4}, {16 * 1024, 8}}) {
         python_client stuck(s.port, with_key({"--mode", "never-read"}));
         EXPECT_EQ(stuck.read_line(), "connected 1");
         ASSERT_EQ(s.transport.client_count(), 2u);
-        for (size_t k = 0; k < 2000 && s.transport.client_count() == 2; ++k) send(std::string(bytes, 'a'));
-        const std::string dropped = " could not keep up and was disconnected \\(" + std::to_string(waiting) + " messages";
-        EXPECT_EQ(count_matching(capture, QEL_LOG_WARNING, client_pattern + dropped + " waiting\\)"), 1u);
+        for (size_t k = 0; k < 2000 && s.transport.client_count() == 2; ++k)
+            send(std::string(bytes, 'a'));
+        const std::string dropped =
+            " could not keep up and was disconnected \\(" + std::to_string(waiting) + " messages";
+        EXPECT_EQ(
+            count_matching(capture, QEL_LOG_WARNING, client_pattern + dropped + " waiting\\)"), 1u);
     }
     EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING).size(), 3u);
 }
