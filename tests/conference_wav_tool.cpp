@@ -1,8 +1,7 @@
-// The conference simulator test's helper (conference_simulator.cmake). `make`
-// writes a 16-bit WAV: a tone (the right channel's 1.5 times higher) at
-// amplitude 0.5, rising and falling four times a second. `check` prints what
-// a WAV holds and exits 1 unless it has that rate, channel count, frame count
-// and encoding, no NaN or infinity, a peak of 0.01 and an RMS of -60 dBFS.
+// The conference simulator test's helper (conference_simulator.cmake). `make` writes a 16-bit WAV:
+// a tone (the right channel's 1.5 times higher) at amplitude 0.5, rising and falling four times a
+// second. `check` prints what a WAV holds and exits 1 unless it has that rate, channel count, frame
+// count and encoding, no NaN or infinity, a peak of 0.01 and an RMS of -60 dBFS.
 #include <sndfile.h>
 
 #include <cmath>

@@ -1,8 +1,7 @@
-// The audio path through the C interface: every host format round-tripped
-// against a model in double precision, the codes and log lines of the audio
-// calls, mute, queues and flushes (and, on the listener's engine itself, the
-// freeing of a long queue), who hears whom across whisper and sidebar rooms,
-// and the listener's master gain and stereo bypass.
+// The audio path through the C interface: every host format round-tripped against a model in double
+// precision, the codes and log lines of the audio calls, mute, queues and flushes (and, on the
+// listener's engine itself, the freeing of a long queue), who hears whom across whisper and sidebar
+// rooms, and the listener's master gain and stereo bypass.
 #include "audio/listener_engine.h"
 #include "direct_resampler.h"
 #include "support/library_fixture.h"
@@ -95,11 +94,10 @@ template <typename T> double written(T sample) {
     return std::is_same_v<T, int16_t> ? sample / 32768.0 : sample;
 }
 
-// A stereo talker at the output rate and a mono talker at 48 kHz, heard for
-// four blocks. The model brings the stereo talker to 48 kHz, adds the mono
-// talker at 1/sqrt(2) to each ear, delays by the limiter's look-ahead (below
-// its threshold the gain is 1), downmixes for a mono output and brings the
-// mix to the output rate.
+// A stereo talker at the output rate and a mono talker at 48 kHz, heard for four blocks. The model
+// brings the stereo talker to 48 kHz, adds the mono talker at 1/sqrt(2) to each ear, delays by the
+// limiter's look-ahead (below its threshold the gain is 1), downmixes for a mono output and brings
+// the mix to the output rate.
 template <typename T>
 void round_trip(bool interleaved, int32_t channels, int32_t rate, int32_t frames) {
     const size_t F = frames, N = F * 48000 / rate, blocks = 4;
@@ -162,11 +160,10 @@ TEST_P(AudioRoundTrip, ListenerHearsTheModelOfBothTalkers) {
 
 std::string format_name(const ::testing::TestParamInfo<format>& p) {
     const auto [type, interleaved, channels, rate_frames] = p.param;
-    return std::string(type == 0   ? "short"
-                       : type == 1 ? "float"
-                                   : "double") +
-           (interleaved ? "_interleaved_" : "_planar_") + (channels == 1 ? "mono_" : "stereo_") +
-           std::to_string(rate_frames.first) + "Hz_" + std::to_string(rate_frames.second);
+    const char* const types[] = {"short", "float", "double"};
+    return types[type] + std::string(interleaved ? "_interleaved_" : "_planar_") +
+           (channels == 1 ? "mono_" : "stereo_") + std::to_string(rate_frames.first) + "Hz_" +
+           std::to_string(rate_frames.second);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -288,12 +285,11 @@ TEST(PairGain, WhisperAndSidebarRoomsDecideWhoHearsWhom) {
 }
 
 TEST(AudioOutput, MasterGainScalesTwoOutputBlocksOfTheMixAndStereoBypassSkipsItAndTheLimiter) {
-    // At 16 kHz 2 x 160 of the 2 x 480 mix samples are scaled: the first two
-    // thirds of the left channel, kept for the hosts that tuned their levels
-    // to it. Output j is centred on mix sample 3j - 128 (the resampler's
-    // delay) and reaches 127 either side: j = 96 sees only scaled samples,
-    // j = 0 mostly the previous block's unscaled end; the right channel is
-    // whole. The limiter's look-ahead of 9 samples is 3 output samples.
+    // At 16 kHz 2 x 160 of the 2 x 480 mix samples are scaled: the first two thirds of the left
+    // channel, kept for the hosts that tuned their levels to it. Output j is centred on mix sample
+    // 3j - 128 (the resampler's delay) and reaches 127 either side: j = 96 sees only scaled
+    // samples, j = 0 mostly the previous block's unscaled end; the right channel is whole. The
+    // limiter's look-ahead of 9 samples is 3 output samples.
     session s({16000, 160, 2, false, 3});
     for (const uint32_t id : {1u, 2u, 3u, 4u}) s.add(id);
     for (const uint32_t id : {3u, 4u}) s.set(id, QEL_CONTROL_MASTER_GAIN, 50);

@@ -1,9 +1,8 @@
-// The resampler's windowed-sinc sum evaluated directly, in double: output j
-// of a stream sits at input time t = j x in / out - 128 and weighs the inputs
-// n with t - 127 < n <= t + 127 (zeros before the start) by
-// sinc(0.95 min(in, out) / in x (n - t)) I0(9 sqrt(1 - ((n - t) / 127)^2)),
-// scaled to sum to 0.98. It shares nothing with the resampler's phase table,
-// state buffer and blocks, and takes I0 from the standard library.
+// The resampler's windowed-sinc sum evaluated directly, in double: output j of a stream sits at
+// input time t = j x in / out - 128 and weighs the inputs n with t - 127 < n <= t + 127 (zeros
+// before the start) by sinc(0.95 min(in, out) / in x (n - t)) I0(9 sqrt(1 - ((n - t) / 127)^2)),
+// scaled to sum to 0.98. It shares nothing with the resampler's phase table, state buffer and
+// blocks, and takes I0 from the standard library.
 #pragma once
 
 #include <algorithm>

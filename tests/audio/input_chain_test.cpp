@@ -1,6 +1,5 @@
-// A participant's input chain: the noise cancellation's dry mix, with a
-// stand-in for the canceller (the real one is tested in tests/denoise/), and
-// the stereo downmix for processing.
+// A participant's input chain: the noise cancellation's dry mix, with a stand-in for the canceller
+// (the real one is tested in tests/denoise/), and the stereo downmix for processing.
 #include "audio/input_chain.h"
 
 #include <gtest/gtest.h>

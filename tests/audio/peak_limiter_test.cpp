@@ -1,6 +1,5 @@
-// The listener's stereo peak limiter against a straightforward model in
-// double precision, and hand-worked cases of its hold rule and of NaN and
-// infinite samples.
+// The listener's stereo peak limiter against a straightforward model in double precision, and
+// hand-worked cases of its hold rule and of NaN and infinite samples.
 #include "audio/peak_limiter.h"
 
 #include <gtest/gtest.h>
@@ -87,10 +86,9 @@ TEST(PeakLimiter, MatchesTheDoublePrecisionModelInBlocksOfAnySize) {
 }
 
 TEST(PeakLimiter, HoldEndsNineSamplesAfterThePeakWasTakenNotAfterTheLatestEqualPeak) {
-    // Peaks H at 100 and 108: the second is not above the held H, so the hold
-    // taken at 100 ends at 109 and the envelope releases for 9 samples before
-    // the second peak leaves the delay line at 117. By hand:
-    // out = H t / (t + (H - t)(1 - a^9) r^9), up to 1.105 t for a huge H.
+    // Peaks H at 100 and 108: the second is not above the held H, so the hold taken at 100 ends at
+    // 109 and the envelope releases for 9 samples before the second peak leaves the delay line at
+    // 117. By hand: out = H t / (t + (H - t)(1 - a^9) r^9), up to 1.105 t for a huge H.
     for (const double H : {2.0, 1000.0}) {
         stereo in{std::vector<float>(480), std::vector<float>(480)};
         in.left[100] = in.left[108] = static_cast<float>(H);
@@ -100,9 +98,8 @@ TEST(PeakLimiter, HoldEndsNineSamplesAfterThePeakWasTakenNotAfterTheLatestEqualP
 }
 
 TEST(PeakLimiter, BadSampleComesOutOnceNineSamplesLateAndTheGainRecovers) {
-    for (const float bad :
-         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
-          -std::numeric_limits<float>::infinity()}) {
+    using limits = std::numeric_limits<float>;
+    for (const float bad : {limits::quiet_NaN(), limits::infinity(), -limits::infinity()}) {
         SCOPED_TRACE(bad);
         stereo in = sines(480 * 24, 0.5);
         in.left[960 + 100] = bad; // block 2, sample 100

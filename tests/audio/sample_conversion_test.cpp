@@ -1,7 +1,6 @@
-// Host sample formats to and from the engine's planar floats. Two deliberate
-// quirks that existing hosts depend on: interleaved stereo shorts come in
-// scaled by the rounded literal 3.0518e-05 and go out truncated and wrapped
-// modulo 2^16; every other short block uses exactly 2^-15 and goes out
+// Host sample formats to and from the engine's planar floats. Two deliberate quirks that existing
+// hosts depend on: interleaved stereo shorts come in scaled by the rounded literal 3.0518e-05 and
+// go out truncated and wrapped modulo 2^16; every other short block uses exactly 2^-15 and goes out
 // rounded to nearest (ties to even) and saturated. Expected values by hand.
 #include "audio/sample_conversion.h"
 
@@ -41,25 +40,15 @@ struct short_row {
 };
 
 TEST(SampleConversion, InterleavedStereoShortsGoOutTruncatedAndWrapped) {
+    // clang-format off
     const short_row rows[] = {
-        {0.5f, 16384},
-        {-1.0f, -32768},
-        {1.0f, -32768},
-        {0.99999f, 32767},
-        {0.7f / 32768, 0},
-        {-0.7f / 32768, 0},
-        {-1.7f / 32768, -1},
-        {1.5f, -16384},
-        {-1.5f, 16384},
-        {2.0f, 0},
-        {100000.0f / 32768, -31072},
+        {0.5f, 16384},       {-1.0f, -32768},     {1.0f, -32768},      {0.99999f, 32767},
+        {0.7f / 32768, 0},   {-0.7f / 32768, 0},  {-1.7f / 32768, -1}, {1.5f, -16384},
+        {-1.5f, 16384},      {2.0f, 0},           {100000.0f / 32768, -31072},
         {65535.0f, -32768}, // 0x7FFF8000 is still an int32
-        {65536.0f, 0},
-        {1e30f, 0},
-        {nan_f, 0},
-        {inf_f, 0},
-        {-inf_f, 0}, // no int32: 0
+        {65536.0f, 0}, {1e30f, 0}, {nan_f, 0}, {inf_f, 0}, {-inf_f, 0}, // no int32: 0
     };
+    // clang-format on
     for (const short_row& r : rows) {
         const float source[] = {r.x, -0.5f};
         int16_t out[2] = {7, 7};
@@ -70,25 +59,15 @@ TEST(SampleConversion, InterleavedStereoShortsGoOutTruncatedAndWrapped) {
 }
 
 TEST(SampleConversion, OtherShortsGoOutRoundedToNearestEvenAndSaturated) {
+    // clang-format off
     const short_row rows[] = {
-        {0.5f, 16384},
-        {1.0f, 32767},
-        {-1.0f, -32768},
-        {1.5f, 32767},
-        {-2.0f, -32768},
-        {0.7f / 32768, 1},
-        {-0.7f / 32768, -1},
-        {0.5f / 32768, 0},
-        {1.5f / 32768, 2},
-        {2.5f / 32768, 2},
-        {-2.5f / 32768, -2},
-        {32766.5f / 32768, 32766},
-        {-32767.5f / 32768, -32768},
-        {nan_f, 0},
-        {inf_f, 32767},
-        {-inf_f, -32768},
-        {1e30f, 32767},
+        {0.5f, 16384},       {1.0f, 32767},       {-1.0f, -32768},     {1.5f, 32767},
+        {-2.0f, -32768},     {0.7f / 32768, 1},   {-0.7f / 32768, -1},
+        {0.5f / 32768, 0},   {1.5f / 32768, 2},   {2.5f / 32768, 2},   {-2.5f / 32768, -2},
+        {32766.5f / 32768, 32766},                {-32767.5f / 32768, -32768},
+        {nan_f, 0},          {inf_f, 32767},      {-inf_f, -32768},    {1e30f, 32767},
     };
+    // clang-format on
     for (const short_row& r : rows) {
         for (const auto& [channels, interleaved] : not_interleaved_stereo) {
             const float source[] = {r.x, 0.0f, -0.25f};

@@ -12,8 +12,8 @@
 TEST(ClientFlavour, WebsocketExportsAreNotAvailableWhateverTheConfiguration) {
     // A configuration that would build a server in the server flavour.
     const std::string path = quelora::testing::write_temp_file("websocket.json", R"({"port": 9443,
-        "cert_file_name": "c.pem", "dh_params_file_name": "d.pem", "key_file_name": "k.pem", "passphrase": "",
-        "authentification_key": "k", "authentification_value": "v"})");
+        "cert_file_name": "c.pem", "dh_params_file_name": "d.pem", "key_file_name": "k.pem",
+        "passphrase": "", "authentification_key": "k", "authentification_value": "v"})");
     const std::string no_server = "The library will work properly except qel_enable_websockets and "
                                   "qel_send_custom_websocket_event";
     const std::string unavailable = "Websocket server is not available for the client side, "

@@ -17,16 +17,16 @@ inline std::string control_layouts_json() {
            layout_json("b", 20, false, true, 300, R"({"QEL_CONTROL_MASTER_GAIN": 50})") + ", " +
            layout_json("c", 30, true, true, 0) + ", " +
            layout_json("d", 40, false, true, 0, R"({"QEL_CONTROL_AUTO_EQ_ENABLE": 1})") + ", " +
-           layout_json("e", 50, false, false, 100,
-                       R"({"QEL_CONTROL_MUTE_ENABLE": 1, "qel_control_mixing_3d_attenuation": 12,
-                           "Qel_Control_Mixing_3d_Enable": true, "QEL_CONTROL_HALF_SPAN_ANGLE": 30.7})") +
+           layout_json(
+               "e", 50, false, false, 100,
+               R"({"QEL_CONTROL_MUTE_ENABLE": 1, "qel_control_mixing_3d_attenuation": 12,)"
+               R"( "Qel_Control_Mixing_3d_Enable": true, "QEL_CONTROL_HALF_SPAN_ANGLE": 30.7})") +
            ", " + layout_json("f", 60, true, true, 0, R"({"QEL_CONTROL_MUTE_ENABLE": 1})") + ", " +
            layout_json("g", 70, false, true, 0, R"({"QEL_CONTROL_MASTER_GAIN": 500})") + "}}";
 }
 
 // A callback table whose slots log "<Table> <slot> <arguments>" at VERBOSE: expected lines then
-// show each callback, its arguments and its place among the operation's lines, and a failed call's
-// that none ran.
+// show each callback, its arguments and its place among the operation's lines (none if it failed).
 template <int Table> struct event_slots {
     template <typename... T> static void put(const T&... parts) {
         std::ostringstream text;
@@ -67,8 +67,7 @@ inline log_line event(const std::string& text, int table = 1) {
 using place_record = std::array<int32_t, 6>; // seat index, x, y, z, azimuth, elevation
 using heard_record = std::array<int32_t, 3>; // azimuth, elevation, distance
 
-// A library on control_layouts_json(), table 1 registered, room 1 in `layout`; the log cleared
-// after joins.
+// A library on control_layouts_json(), table 1 registered, room 1 in `layout`; joins clear the log.
 struct conference {
     log_capture log;
     qel_event_manager_t events = event_slots<1>::table();
@@ -118,6 +117,11 @@ inline log_line room_missing(int room) {
 }
 inline log_line not_in_room(int participant) {
     return warning("The participant id " + std::to_string(participant) + " is not in room 1");
+}
+inline log_line auto_eq_refused(int participant) {
+    return warning("The Auto EQ effect is only available for 48 kHz inputs currently. It will not "
+                   "be enabled for participant " +
+                   std::to_string(participant));
 }
 
 } // namespace quelora::testing

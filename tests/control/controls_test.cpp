@@ -1,5 +1,4 @@
-// The sixteen controls: names, defaults, ranges and messages; set-all, the auto EQ rule, layout
-// defaults.
+// The sixteen controls: names, defaults, ranges, messages; set-all, auto EQ, layout defaults.
 #include "conference_fixture.h"
 
 #include <climits>
@@ -13,9 +12,10 @@ struct control_row {
     int control;
     const char* name;
     int default_value, low, high; // high INT_MAX: no upper bound
-    const char* message;
+    std::string message;
 };
-const char* const either = "You must use a value of either 0 or 1 for ";
+const std::string value_of = "You must use a value of ";
+const std::string either = value_of + "either 0 or 1 for ";
 const control_row controls[] = {
     {1, "STEREO_BYPASS_ENABLE", 0, 0, 1, "stereo bypass control"},
     {2, "MUTE_ENABLE", 0, 0, 1, "mute control"},
@@ -26,35 +26,23 @@ const control_row controls[] = {
     {7, "AUTO_EQ_ENABLE", 0, 0, 1, "auto EQ control"},
     {8, "MIXING_3D_ENABLE", 0, 0, 1, "3d mixing control"},
     {9, "MIXING_3D_ATTENUATION", 6, 0, 40,
-     "You must use a value of between 0 and 40 dB for distance attenuation"},
-    {10, "MIXING_3D_MAX_DISTANCE", 300, 0, INT_MAX,
-     "You must use a value of 0 or greater for max distance"},
+     value_of + "between 0 and 40 dB for distance attenuation"},
+    {10, "MIXING_3D_MAX_DISTANCE", 300, 0, INT_MAX, value_of + "0 or greater for max distance"},
     {11, "MIXING_3D_REVERB_ENABLE", 1, 0, 1, "reverb control"},
     {12, "DEVICE", 1, 1, 2, "You must use a valid qel_device_types value to change the device"},
     // Deliberately 0 to 89 although the message says 1 to 90: hosts rely on 0.
-    {13, "HALF_SPAN_ANGLE", 15, 0, 89,
-     "You must use a value of between 1 and 90 for half span angle control"},
-    {14, "MASTER_GAIN", 100, 0, 100,
-     "You must use a value of between 0 and 100 for master gain control"},
-    {15, "WHISPER_ROOM", 0, 0, 100,
-     "You must use a value of between 0 and 100 for whisper room control"},
-    {16, "SIDEBAR_ROOM", 0, 0, 100,
-     "You must use a value of between 0 and 100 for sidebar room control"},
-};
+    {13, "HALF_SPAN_ANGLE", 15, 0, 89, value_of + "between 1 and 90 for half span angle control"},
+    {14, "MASTER_GAIN", 100, 0, 100, value_of + "between 0 and 100 for master gain control"},
+    {15, "WHISPER_ROOM", 0, 0, 100, value_of + "between 0 and 100 for whisper room control"},
+    {16, "SIDEBAR_ROOM", 0, 0, 100, value_of + "between 0 and 100 for sidebar room control"}};
 log_line refusal(const control_row& r) {
-    return warning(r.high == 1 ? either + std::string(r.message) : r.message);
+    return warning(r.high == 1 ? either + r.message : r.message);
 }
 
 int set(const conference& f, uint32_t participant, int control, int value, bool all = false) {
     const auto c = static_cast<qel_audio_control>(control);
     return all ? qel_set_all_participants_state(f.library, 1, c, value)
                : qel_set_participant_state(f.library, 1, participant, c, value);
-}
-log_line auto_eq_refused(int participant) {
-    return warning("The Auto EQ effect is only available for 48 kHz inputs currently. It will not "
-                   "be enabled for "
-                   "participant " +
-                   std::to_string(participant));
 }
 
 } // namespace
@@ -120,30 +108,21 @@ TEST(ControlValues, NumbersNamesAndTextsOutsideTheVocabularyAreRefused) {
         expect_call(f.log, control, control == 2 ? std::vector<log_line>{} : bad,
                     [t = text] { return qel_string_to_audio_control(t); });
     }
-    const std::pair<const char*, int> texts[] = {{"true", 1},
-                                                 {"False", 0},
-                                                 {"qel_enable", 1},
-                                                 {"QEL_DISABLE", 0},
-                                                 {"qel_device_speaker", 2},
-                                                 {"QEL_DEVICE_HEADPHONE", 1},
-                                                 {"  42abc", 42},
-                                                 {"-17", -17},
-                                                 {"+5", 5},
-                                                 {"2147483647", INT_MAX},
-                                                 {"-2147483648", INT_MIN},
-                                                 {"letters", -9990},
-                                                 {"12345678901", -9990},
-                                                 {"", -9990},
-                                                 {"2147483648", -9990},
-                                                 {nullptr, -9990}};
+    // clang-format off
+    const std::pair<const char*, int> texts[] = {
+        {"true", 1}, {"False", 0}, {"qel_enable", 1}, {"QEL_DISABLE", 0},
+        {"qel_device_speaker", 2}, {"QEL_DEVICE_HEADPHONE", 1}, {"  42abc", 42}, {"-17", -17},
+        {"+5", 5}, {"2147483647", INT_MAX}, {"-2147483648", INT_MIN},
+        {"letters", -9990}, {"12345678901", -9990}, {"", -9990}, {"2147483648", -9990},
+        {nullptr, -9990}};
+    // clang-format on
     for (const auto& [text, result] : texts) {
         std::vector<log_line> lines;
         if (result == -9990) {
-            lines.push_back(warning(
-                "State value " + std::string(text ? text : "(null)") +
-                " is invalid. You must enter "
-                "an integer value, the string QEL_DEVICE_HEADPHONE, the string QEL_DEVICE_SPEAKER, "
-                "the string QEL_ENABLE, or the string QEL_DISABLE "));
+            lines.push_back(warning("State value " + std::string(text ? text : "(null)") +
+                                    " is invalid. You must enter an integer value, the string "
+                                    "QEL_DEVICE_HEADPHONE, the string QEL_DEVICE_SPEAKER, the "
+                                    "string QEL_ENABLE, or the string QEL_DISABLE "));
         }
         expect_call(f.log, result, lines,
                     [t = text] { return qel_string_to_participant_value(t); });
@@ -151,8 +130,7 @@ TEST(ControlValues, NumbersNamesAndTextsOutsideTheVocabularyAreRefused) {
 }
 
 // Auto EQ is refused for inputs other than 48 kHz, whatever the value. Set-all checks the value
-// once, writes participants in joining order, stops at the first that refuses and reports once, for
-// the room.
+// once, writes members in joining order, stops at the first refusal and reports once, for the room.
 TEST(ParticipantState, AutoEqNeeds48kHzAndSetAllStopsAtTheFirstRefusal) {
     conference f;
     for (const int32_t rate : {48000, 48000, 16000, 48000})
@@ -191,19 +169,14 @@ TEST(ParticipantState, ClosedLayoutsSetTheirDefaultStatesOnJoining) {
     f.join(1);
     for (int c = 1; c <= 16; ++c) EXPECT_EQ(f.state(1, c), want[c]) << c;
     for (const auto& [room, layout, hz, code, lines] :
-         {std::tuple{
-              2, 60, 48000, QEL_ERROR_NONE,
-              std::vector{dfn_created(), event("add_participant 2 1 x 48000 1 1"), joined(1, 2)}},
-          {3,
-           40,
-           16000,
-           QEL_ERROR_INVALID_CONTROL,
+         // clang-format off
+         {std::tuple{2, 60, 48000, QEL_ERROR_NONE,
+          std::vector{dfn_created(), event("add_participant 2 1 x 48000 1 1"), joined(1, 2)}},
+          {3, 40, 16000, QEL_ERROR_INVALID_CONTROL,
            {dfn_created(), auto_eq_refused(1), dfn_destroyed()}},
-          {4,
-           70,
-           48000,
-           QEL_ERROR_INVALID_VALUE,
+          {4, 70, 48000, QEL_ERROR_INVALID_VALUE,
            {dfn_created(), refusal(controls[13]), dfn_destroyed()}}}) {
+        // clang-format on
         ASSERT_EQ(qel_create_room(f.library, room), QEL_ERROR_NONE);
         ASSERT_EQ(qel_set_room_layout(f.library, room, layout), QEL_ERROR_NONE);
         expect_call(f.log, code, lines, [&, r = room, c = regular(hz)] {

@@ -3,9 +3,8 @@
 
 using namespace quelora::testing;
 
-// Each operation calls its slot with its arguments (the other tests show each call after the
-// change's own lines and before its success line). Tables are optional: without one every operation
-// does the same.
+// Each operation calls its slot with its arguments (other tests show each call after the change's
+// own lines and before its success line). Tables are optional: without one, operations do the same.
 TEST(EventCallbacks, EverySlotGetsItsArgumentsAndTablesAreOptional) {
     const auto every_operation = [](qel_handle h) {
         return std::vector{qel_create_room(h, 5),

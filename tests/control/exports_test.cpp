@@ -1,6 +1,5 @@
 // The library's C surface: every export's answer to a bad argument, the error codes, initialisation
 // with each output format and room layout file, and the logger's default line.
-#include "api/quelora_exception.h"
 #include "conference_fixture.h"
 
 #include <functional>
@@ -9,34 +8,22 @@
 using namespace quelora::testing;
 
 TEST(ErrorCodes, EveryCodeHasItsNameAndOthersNameNone) {
-    const std::pair<int, const char*> names[] = {{-10000, "NONE"},
-                                                 {0, "NONE"},
-                                                 {-9999, "HANDLE_NULL"},
-                                                 {-9998, "DATA_NULL"},
-                                                 {-9997, "DATA_LENGTH"},
-                                                 {-9996, "NUM_CHANNELS"},
-                                                 {-9995, "SAMPLE_RATE"},
-                                                 {-9994, "SPATIAL_QUALITY"},
-                                                 {-9993, "INVALID_ROOM_ID"},
-                                                 {-9992, "INVALID_PARTICIPANT_ID"},
-                                                 {-9991, "INVALID_CONTROL"},
-                                                 {-9990, "INVALID_VALUE"},
-                                                 {-9989, "INVALID_HEADING"},
-                                                 {-9988, "NONE"},
-                                                 {-9987, "NO_INPUT_AUDIO"},
-                                                 {-9986, "PARTICIPANT_TYPE"},
-                                                 {-9985, "LIBRARY_NOT_YET_INITIALIZED"},
-                                                 {-9984, "NONE"},
-                                                 {-9980, "NONE"},
-                                                 {-10001, "NONE"}};
+    // clang-format off
+    const std::pair<int, const char*> names[] = {
+        {-10000, "NONE"}, {0, "NONE"}, {-9999, "HANDLE_NULL"}, {-9998, "DATA_NULL"},
+        {-9997, "DATA_LENGTH"}, {-9996, "NUM_CHANNELS"}, {-9995, "SAMPLE_RATE"},
+        {-9994, "SPATIAL_QUALITY"}, {-9993, "INVALID_ROOM_ID"}, {-9992, "INVALID_PARTICIPANT_ID"},
+        {-9991, "INVALID_CONTROL"}, {-9990, "INVALID_VALUE"}, {-9989, "INVALID_HEADING"},
+        {-9988, "NONE"}, {-9987, "NO_INPUT_AUDIO"}, {-9986, "PARTICIPANT_TYPE"},
+        {-9985, "LIBRARY_NOT_YET_INITIALIZED"}, {-9984, "NONE"}, {-9980, "NONE"}, {-10001, "NONE"}};
+    // clang-format on
     for (const auto& [code, name] : names)
         EXPECT_EQ(qel_error_code_to_string(code), "QEL_ERROR_" + std::string(name));
 }
 
 namespace {
 
-// What one row's call gets: the handle, room and participant to name, and whether its pointer is
-// null.
+// What one row's call gets: the handle, room and participant to name, whether its pointer is null.
 struct arguments {
     qel_handle h;
     uint32_t r, p;
@@ -55,10 +42,9 @@ log_line null_output(const std::string& pointer, const std::string& call_text) {
     return error("Your " + pointer + " pointer is null. Please initialize " + pointer +
                  " before passing to " + function + ".");
 }
-#define ROW(names, call, ...)                                                                      \
-    {                                                                                              \
-#call, names, [&](const arguments& x) { return call; }, __VA_ARGS__                        \
-    }
+// clang-format off
+#define ROW(names, call, ...) {#call, names, [&](const arguments& x) { return call; }, __VA_ARGS__}
+// clang-format on
 #define OUT(names, call, pointer) ROW(names, call, {null_output(pointer, #call)})
 const log_line null_handle =
     error("Your qel_handle is null. Please use qel_initialize_library to get a valid handle.");
@@ -130,8 +116,7 @@ TEST(ExportArguments, BadArgumentsGiveTheirCodeAndLineAndChangeNothing) {
 #else
       ROW(handle_only, qel_send_custom_websocket_event(x.h, "{}")),
 #endif
-      ROW(handle_only, qel_create_room(x.h, 2)),
-    };
+      ROW(handle_only, qel_create_room(x.h, 2)) };
     for (const export_row& row : rows) {
         SCOPED_TRACE(row.call_text);
         expect_call(f.log, QEL_ERROR_HANDLE_NULL, {null_handle}, [&] {
@@ -203,33 +188,28 @@ static std::string refusal(const qel_library_configuration& c, int code) {
         return provided(c.spatial_quality) + "a spatial quality between 1 and 5";
     }
     return "You configured number of output frames to " + std::to_string(c.output_number_frames) +
-           " but you must choose "
-           "an output number of frames corresponding to 10 or 20 milliseconds in length. Based on "
-           "your chosen sampling "
-           "rate of " +
+           " but you must choose an output number of frames corresponding to 10 or 20 "
+           "milliseconds in length. Based on your chosen sampling rate of " +
            std::to_string(rate) + " this would be either " + std::to_string(rate / 100) +
            " frames or " + std::to_string(rate / 50) + " frames.";
 }
 
 TEST(LibraryConfiguration, OutputFormatIsCheckedFieldByFieldWithItsMessage) {
+    constexpr int rate = QEL_ERROR_SAMPLE_RATE, length = QEL_ERROR_DATA_LENGTH,
+                  channels = QEL_ERROR_NUM_CHANNELS, quality = QEL_ERROR_SPATIAL_QUALITY;
+    // clang-format off
     const std::pair<qel_library_configuration, int> rows[] = {
-        {{44100, 441, 2, false, 3}, QEL_ERROR_SAMPLE_RATE},
-        {{44100, 441, 3, false, 9}, QEL_ERROR_SAMPLE_RATE},
-        {{INT32_MIN, 480, 2, false, 3}, QEL_ERROR_SAMPLE_RATE},
-        {{48000, 441, 2, false, 3}, QEL_ERROR_DATA_LENGTH},
-        {{16000, 170, 2, false, 3}, QEL_ERROR_DATA_LENGTH}, // 510 frames at 48 kHz
-        {{48000, 0, 2, false, 3}, QEL_ERROR_DATA_LENGTH},
-        {{8000, INT32_MAX, 2, false, 3}, QEL_ERROR_DATA_LENGTH},
-        {{8000, INT32_MIN, 2, false, 3}, QEL_ERROR_DATA_LENGTH},
-        {{48000, 480, 0, false, 3}, QEL_ERROR_NUM_CHANNELS},
-        {{48000, 480, 3, false, 3}, QEL_ERROR_NUM_CHANNELS},
-        {{48000, 480, 2, false, 0}, QEL_ERROR_SPATIAL_QUALITY},
-        {{48000, 480, 2, false, 6}, QEL_ERROR_SPATIAL_QUALITY},
+        {{44100, 441, 2, false, 3}, rate},     {{44100, 441, 3, false, 9}, rate},
+        {{INT32_MIN, 480, 2, false, 3}, rate}, {{48000, 441, 2, false, 3}, length},
+        {{16000, 170, 2, false, 3}, length}, // 510 frames at 48 kHz
+        {{48000, 0, 2, false, 3}, length},     {{8000, INT32_MAX, 2, false, 3}, length},
+        {{8000, INT32_MIN, 2, false, 3}, length},
+        {{48000, 480, 0, false, 3}, channels}, {{48000, 480, 3, false, 3}, channels},
+        {{48000, 480, 2, false, 0}, quality},  {{48000, 480, 2, false, 6}, quality},
         // 512 and 1024 frames at 48 kHz (256 at 24 kHz) are accepted beside 10 and 20 ms.
-        {{48000, 512, 2, false, 3}, QEL_ERROR_NONE},
-        {{48000, 1024, 1, true, 5}, QEL_ERROR_NONE},
-        {{24000, 256, 2, false, 3}, QEL_ERROR_NONE},
-        {{8000, 160, 1, false, 1}, QEL_ERROR_NONE}};
+        {{48000, 512, 2, false, 3}, QEL_ERROR_NONE}, {{48000, 1024, 1, true, 5}, QEL_ERROR_NONE},
+        {{24000, 256, 2, false, 3}, QEL_ERROR_NONE}, {{8000, 160, 1, false, 1}, QEL_ERROR_NONE}};
+    // clang-format on
     for (const auto& [c, code] : rows) {
         SCOPED_TRACE(::testing::Message()
                      << c.output_sampling_rate << " Hz, " << c.output_number_frames << " frames");
@@ -241,8 +221,7 @@ TEST(LibraryConfiguration, OutputFormatIsCheckedFieldByFieldWithItsMessage) {
     }
 }
 
-// Strict initialisation fails on a missing or bad room layout file; from memory logs it and falls
-// back.
+// Strict initialisation fails on a missing or bad layout file; from memory logs it and falls back.
 TEST(LibraryConfiguration, RoomLayoutFileOfBothEntryPoints) {
     const std::string no_websockets = "The library will work properly except qel_enable_websockets "
                                       "and qel_send_custom_websocket_event";
@@ -254,31 +233,28 @@ TEST(LibraryConfiguration, RoomLayoutFileOfBothEntryPoints) {
     const std::string missing = "/nonexistent/quelora/layouts.json",
                       bad = write_temp_file("bad.json", "{ not json");
     const std::string typed = write_temp_file(
-        "typed.json", R"({"default": "a", "room_list": {"a": {"id": "one", "desc": "",
-        "allowParticipantStacking": true, "openRoom": true, "centerPoint": {"x": 0, "y": 0, "z": 0}, "seats": []}}})");
+        "typed.json", R"({"default": "a", "room_list": {"a": {"id": "one", "desc": "",)"
+                      R"( "allowParticipantStacking": true, "openRoom": true,)"
+                      R"( "centerPoint": {"x": 0, "y": 0, "z": 0}, "seats": []}}})");
     const struct {
         const char* path;
         int strict_code;
-        std::vector<log_line> strict_lines,
-            memory_lines; // the latter before the fallback lines; none: the same
+        // The latter before the fallback lines; none: the same.
+        std::vector<log_line> strict_lines, memory_lines;
     } rows[] = {
-        {nullptr,
-         QEL_ERROR_NONE,
-         {error(no_websockets + ".")},
-         {warning(
-             "You disabled custom room layouts by using NULL for the room layout file path.")}},
-        {missing.c_str(),
-         -9980,
+        // clang-format off
+        {nullptr, QEL_ERROR_NONE, {error(no_websockets + ".")},
+         {warning("You disabled custom room layouts by using NULL for the room layout file "
+                  "path.")}},
+        {missing.c_str(), -9980,
          {error(missing + " does not exist. Please check if the path to your room configuration "
                           "file is correct.")},
-         {warning(
-             missing +
-             " does not exist. Please check the path to your room configuration file is correct")}},
+         {warning(missing + " does not exist. Please check the path to your room configuration "
+                            "file is correct")}},
         {bad.c_str(), -9988, {error(bad + " contains invalid JSON data.")}, {}},
-        {typed.c_str(),
-         -9988,
-         {error("[json.exception.type_error.302] type must be number, but is string")},
-         {}}};
+        {typed.c_str(), -9988,
+         {error("[json.exception.type_error.302] type must be number, but is string")}, {}}};
+    // clang-format on
     for (const auto& row : rows) {
         for (const bool from_memory : {false, true}) {
             SCOPED_TRACE(::testing::Message() << (row.path ? row.path : "(null)")
@@ -298,10 +274,10 @@ TEST(LibraryConfiguration, RoomLayoutFileOfBothEntryPoints) {
             if (handle == nullptr) continue;
             EXPECT_STREQ(
                 qel_get_json_all_room_layouts(handle),
-                R"({"default":"fallback_layout","room_list":{"fallback_layout":{"allowParticipantStacking")"
-                R"(:true,"centerPoint":{"x":0,"y":0,"z":0},"desc":"This is the fallback room layout when )"
-                R"(your custom room layout file is missing or corrupted","id":1,"openRoom":true,"seats":[)"
-                R"({"x":0,"y":0,"z":0}]}}})");
+                R"({"default":"fallback_layout","room_list":{"fallback_layout":)"
+                R"({"allowParticipantStacking":true,"centerPoint":{"x":0,"y":0,"z":0},"desc":)"
+                R"("This is the fallback room layout when your custom room layout file is )"
+                R"(missing or corrupted","id":1,"openRoom":true,"seats":[{"x":0,"y":0,"z":0}]}}})");
             EXPECT_EQ(qel_destroy_library(handle), QEL_ERROR_NONE);
         }
     }

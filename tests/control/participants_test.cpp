@@ -1,5 +1,4 @@
-// Participants through the C interface: what may join, its lines and callbacks, leaving, names,
-// flushing.
+// Participants through the C interface: joining, its lines and callbacks, leaving, names, flushing.
 #include "conference_fixture.h"
 
 using namespace quelora::testing;
@@ -19,35 +18,30 @@ TEST(Participants, JoiningIsCheckedInOrderWithTheFirstFaultsMessage) {
             n, " but Quelora currently only supports 1 or 2 channel input for new participants");
     };
     const auto ratio = [&](int rate, int output_rate) {
-        return provided(
-            rate,
-            " but you must make input sampling rate an integer ratio of the output sampling rate " +
-                std::to_string(output_rate));
+        return provided(rate, " but you must make input sampling rate an integer ratio of the "
+                              "output sampling rate " +
+                                  std::to_string(output_rate));
     };
     const log_line above =
         provided(96000, " but the Quelora library does not support sampling rates above 48000");
     const log_line type =
         error("Must pick Regular, source only, or listener only for a new participant");
+    // clang-format off
     const std::tuple<qel_handle, uint32_t, qel_participant_configuration, int, log_line> rows[] = {
-        {f.library,
-         1,
-         {44100, 3, 9},
-         QEL_ERROR_INVALID_PARTICIPANT_ID,
+        {f.library, 1, {44100, 3, 9}, QEL_ERROR_INVALID_PARTICIPANT_ID,
          warning("The participant id 1 already exists in room 1")},
-        {f.library, 2, {48000, 0, 1}, QEL_ERROR_NUM_CHANNELS, channels(0)},
-        {f.library, 2, {48000, -1, 1}, QEL_ERROR_NUM_CHANNELS, channels(-1)},
-        {f.library, 2, {44100, 3, 0}, QEL_ERROR_NUM_CHANNELS, channels(3)},
-        {f.library, 2, {48000, 1, 0}, QEL_ERROR_PARTICIPANT_TYPE, type},
-        {f.library, 2, {96000, 2, 4}, QEL_ERROR_PARTICIPANT_TYPE, type},
-        {f.library, 2, {44100, 1, 1}, QEL_ERROR_SAMPLE_RATE, ratio(44100, 48000)},
-        {f.library, 2, {96000, 1, 1}, QEL_ERROR_SAMPLE_RATE, above},
-        {f.library,
-         2,
-         {96050, 1, 1},
-         QEL_ERROR_SAMPLE_RATE,
-         ratio(96050, 48000)}, // 960 frames scale to 479
-        {slow, 2, {22050, 1, 1}, QEL_ERROR_SAMPLE_RATE, ratio(22050, 16000)},
-        {slow, 2, {96000, 1, 1}, QEL_ERROR_SAMPLE_RATE, above}}; // always names 48000
+        {f.library, 2, {48000, 0, 1},  QEL_ERROR_NUM_CHANNELS,     channels(0)},
+        {f.library, 2, {48000, -1, 1}, QEL_ERROR_NUM_CHANNELS,     channels(-1)},
+        {f.library, 2, {44100, 3, 0},  QEL_ERROR_NUM_CHANNELS,     channels(3)},
+        {f.library, 2, {48000, 1, 0},  QEL_ERROR_PARTICIPANT_TYPE, type},
+        {f.library, 2, {96000, 2, 4},  QEL_ERROR_PARTICIPANT_TYPE, type},
+        {f.library, 2, {44100, 1, 1},  QEL_ERROR_SAMPLE_RATE,      ratio(44100, 48000)},
+        {f.library, 2, {96000, 1, 1},  QEL_ERROR_SAMPLE_RATE,      above},
+        // 960 frames scale to 479
+        {f.library, 2, {96050, 1, 1},  QEL_ERROR_SAMPLE_RATE,      ratio(96050, 48000)},
+        {slow,      2, {22050, 1, 1},  QEL_ERROR_SAMPLE_RATE,      ratio(22050, 16000)},
+        {slow,      2, {96000, 1, 1},  QEL_ERROR_SAMPLE_RATE,      above}}; // always names 48000
+    // clang-format on
     for (const auto& [library, id, config, code, line] : rows) {
         expect_call(f.log, code, {line}, [l = library, p = id, c = config] {
             return qel_add_participant(l, 1, p, "x", c);
@@ -115,8 +109,7 @@ TEST(Participants, NamesAreCopiedAndReadBackWithTheirTerminator) {
     for (const int length : {2, -1}) {
         expect_call(f.log, QEL_ERROR_DATA_LENGTH,
                     {warning("To use get name you must allocate a character buffer. For this "
-                             "participant the buffer "
-                             "must have at least 3 characters allocated")},
+                             "participant the buffer must have at least 3 characters allocated")},
                     [&] { return qel_get_participant_name(f.library, 1, 1, buffer, length); });
     }
 }

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
+#include <cstdint>
 #include <tuple>
 
 namespace quelora {
@@ -16,8 +16,7 @@ using namespace testing;
 
 namespace {
 
-constexpr int32_t hi = std::numeric_limits<int32_t>::max(),
-                  lo = std::numeric_limits<int32_t>::min();
+constexpr int32_t hi = INT32_MAX, lo = INT32_MIN;
 
 place at(int32_t x, int32_t y, int32_t z, int32_t azimuth = 0, int32_t elevation = 0) {
     return {-1, x, y, z, azimuth, elevation};
@@ -29,18 +28,15 @@ std::array<int32_t, 3> heard(const place& listener, const place& source) {
 
 // A closed layout (four seats, stacking off, two default states), the one room of document().
 json closed_layout(int32_t id = 7) {
+    // clang-format off
     return {
-        {"id", id},
-        {"desc", "four seats"},
-        {"allowParticipantStacking", false},
-        {"stackDelta", 25},
-        {"openRoom", false},
-        {"centerPoint", {{"x", 1}, {"y", 2}, {"z", 3}}},
-        {"seats", json::array({{{"x", -100}, {"y", 0}, {"z", 0}},
-                               {{"x", 100}, {"y", 0}, {"z", 0}},
-                               {{"x", 0}, {"y", -100}, {"z", 0}},
-                               {{"x", 0}, {"y", 100}, {"z", 5}}})},
+        {"id", id}, {"desc", "four seats"}, {"allowParticipantStacking", false},
+        {"stackDelta", 25}, {"openRoom", false}, {"centerPoint", {{"x", 1}, {"y", 2}, {"z", 3}}},
+        {"seats", json::array({
+            {{"x", -100}, {"y", 0}, {"z", 0}}, {{"x", 100}, {"y", 0}, {"z", 0}},
+            {{"x", 0}, {"y", -100}, {"z", 0}}, {{"x", 0}, {"y", 100}, {"z", 5}}})},
         {"defaultStates", {{"QEL_CONTROL_MIXING_3D_ENABLE", 1}, {"QEL_CONTROL_MASTER_GAIN", 80}}}};
+    // clang-format on
 }
 json document() { return {{"default", "room"}, {"room_list", {{"room", closed_layout()}}}}; }
 
@@ -58,14 +54,13 @@ TEST(RoomLayout, BadDocumentsEndWithTheirFaultAndLines) {
     const log_line centre = missing("x','y','z' for the 'centerPoint");
     const log_line seat = error("A Seat in the Room Configuration file does not have all the 'x', "
                                 "'y', and / or 'z' properties");
+    // clang-format off
     std::vector<std::tuple<std::string, std::string, std::vector<log_line>>> rows = {
         // merge patch, outcome, lines
         {R"({"room_list": null})", "quelora -9988", {no_list}},
-        {R"({"room_list": null, "default": null})",
-         "quelora -9988",
-         {no_list}}, // room_list is checked first
-        {R"({"default": null})",
-         "quelora -9988",
+        // room_list is checked first
+        {R"({"room_list": null, "default": null})", "quelora -9988", {no_list}},
+        {R"({"default": null})", "quelora -9988",
          {error("The Room Configuration file is missing its 'default' property")}},
         {R"({"default": 1})", "json 302", {}},
         {R"({"room_list": [1]})", "json 302", {}},
@@ -74,18 +69,17 @@ TEST(RoomLayout, BadDocumentsEndWithTheirFaultAndLines) {
         {R"({"room_list": {"room": {"seats": [{"x": 1, "y": 2}]}}})", "json 403", {seat}},
         {R"({"room_list": {"room": {"seats": [1]}}})", "json 304", {seat}},
         {R"({"room_list": {"room": {"defaultStates": {"QEL_CONTROL_MASTER_GAIN": "1"}}}})",
-         "json 302",
-         {}},
+         "json 302", {}},
         // Default states are read first: their lines come before the others.
-        {R"({"room_list": {"room": {"id": null, "defaultStates": {"bogus": 1}}}})",
-         "json 403",
+        {R"({"room_list": {"room": {"id": null, "defaultStates": {"bogus": 1}}}})", "json 403",
          {missing("id"), warning("bogus is not a valid control."),
           error("A Room in the Room Configuration file has an invalid default state of bogus")}},
-        {R"({"room_list": {"room": {"id": null, "desc": null, "allowParticipantStacking": null, "openRoom": null,
-            "centerPoint": null, "seats": null, "stackDelta": null, "defaultStates": null}}})",
-         "json 403",
+        {R"({"room_list": {"room": {"id": null, "desc": null, "allowParticipantStacking": null,)"
+         R"( "openRoom": null, "centerPoint": null, "seats": null, "stackDelta": null,)"
+         R"( "defaultStates": null}}})", "json 403",
          {missing("id"), missing("desc"), missing("allowParticipantStacking"), missing("openRoom"),
           missing("centerPoint"), missing("seats")}}};
+    // clang-format on
     for (const char* member : {"id", "desc", "allowParticipantStacking", "openRoom", "centerPoint",
                                "seats", "stackDelta"}) {
         rows.push_back({R"({"room_list": {"room": {")" + std::string(member) + R"(": null}}})",
@@ -125,10 +119,12 @@ TEST(RoomLayout, MembersAreReadWholeTruncatedOrSaturated) {
                           l.seats[3].y, l.seats[3].z}),
               (std::array{1, 2, 3, -100, 100, 5}));
     const room_layout_set numbers(
-        parse_json_text(R"({"default":"r","room_list":{"r":{"id":1e300,"desc":"",
-        "allowParticipantStacking":true,"stackDelta":"unread","openRoom":true,"centerPoint":{"x":1.9,"y":-1.9,
-        "z":18446744073709551615},"seats":[{"x":2147483647.5,"y":-2147483649,"z":-7.5}],"defaultStates":{
-        "QEL_CONTROL_ANC_MIX":2.9,"QEL_CONTROL_DEVICE":-9223372036854775808,"QEL_CONTROL_MASTER_GAIN":1000}}}})"));
+        parse_json_text(R"({"default":"r","room_list":{"r":{"id":1e300,"desc":"",)"
+                        R"("allowParticipantStacking":true,"stackDelta":"unread","openRoom":true,)"
+                        R"("centerPoint":{"x":1.9,"y":-1.9,"z":18446744073709551615},)"
+                        R"("seats":[{"x":2147483647.5,"y":-2147483649,"z":-7.5}],"defaultStates":)"
+                        R"({"QEL_CONTROL_ANC_MIX":2.9,"QEL_CONTROL_DEVICE":-9223372036854775808,)"
+                        R"("QEL_CONTROL_MASTER_GAIN":1000}}}})"));
     const quelora_room_layout& n = *numbers.layouts().at(0);
     EXPECT_EQ((std::array{n.id, n.stack_delta, n.center_point.x, n.center_point.y, n.center_point.z,
                           n.seats.at(0).x, n.seats.at(0).y, n.seats.at(0).z}),
@@ -162,10 +158,8 @@ TEST(Places, DirectionsWorkedOutByHand) {
         // The elevation is atan(dy / dx) whenever dx is not 0: 45, not 5.7.
         {at(0, 0, 0), at(100, 100, 1000), {5, 45, 1009}, 0},
         {at(100, 0, 0), at(0, 100, 1000), {-5, 45, 1009}, 0},
-        {at(0, 0, 0),
-         at(0, 100, -1000),
-         {180, 5, 1004},
-         0}, // dx = 0: atan(dy / dz), negated behind
+        // dx = 0: atan(dy / dz), negated behind
+        {at(0, 0, 0), at(0, 100, -1000), {180, 5, 1004}, 0},
         {at(hi, 0, 0), at(lo, 0, 0), {-90, 0, hi}, 0},
         {at(0, 0, 0), at(1, hi, 0), {90, 90, hi}, 0},
         {at(hi, hi, hi), at(lo, lo, lo), {-135, -45, hi}, 1},
@@ -173,8 +167,7 @@ TEST(Places, DirectionsWorkedOutByHand) {
         // ahead 30 below and (0, 400, 0) 60 up; 45 down hears behind 45 down.
         {at(0, 0, 0, 0, 30), at(0, 0, 1000), {0, -30, 1000}, 1},
         {at(0, 0, 0, 0, 30), at(0, 400, 0), {0, 60, 400}, 1},
-        {at(0, 0, 0, 0, -45), at(0, 0, -1000), {180, -45, 1000}, 1},
-    };
+        {at(0, 0, 0, 0, -45), at(0, 0, -1000), {180, -45, 1000}, 1}};
     for (const auto& r : rows) {
         const auto got = heard(r.listener, r.source);
         for (int i = 0; i < 3; ++i) {
@@ -197,8 +190,7 @@ TEST(Places, DirectionsWorkedOutByHand) {
 }
 
 // Beyond the seats, refused stacking moves up by stackDelta per round and saturates; allowed
-// stacking keeps the seat's place. Zero, negative indices and layouts without seats give the
-// origin.
+// stacking keeps the seat's place. Zero, negative indices, layouts without seats: the origin.
 TEST(Places, SeatPlacesStackingFirstFreeSeatAndHeadings) {
     quelora_room_layout refused, allowed, empty;
     refused.stack_delta = allowed.stack_delta = 50;

@@ -1,5 +1,4 @@
-// Rooms through the C interface: creation and destruction, room and participant ids, layout
-// switches.
+// Rooms through the C interface: creating, destroying, room and participant ids, layout switches.
 #include "conference_fixture.h"
 
 using namespace quelora::testing;
@@ -17,8 +16,7 @@ int layout_of(qel_handle library, uint32_t room) {
 
 } // namespace
 
-// A room is destroyed with its participants (no lines or callbacks of theirs); its id starts
-// afresh.
+// A destroyed room takes its participants (no lines or callbacks of theirs); its id starts afresh.
 TEST(RoomRegistry, RoomsAreCreatedOnceAndDestroyedWithTheirParticipants) {
     conference f;
     expect_call(f.log, QEL_ERROR_NONE, {event("create_room 5"), created(5)},
@@ -106,10 +104,7 @@ TEST(RoomRegistry, LayoutSwitchReseatsEveryoneAndSetsTheNewDefaults) {
     }
     // A default state that a participant refuses ends the switch with its fault.
     f.join(4, regular(16000));
-    expect_call(f.log, QEL_ERROR_INVALID_CONTROL,
-                {warning("The Auto EQ effect is only available for 48 kHz inputs currently. It "
-                         "will not be enabled "
-                         "for participant 4")},
+    expect_call(f.log, QEL_ERROR_INVALID_CONTROL, {auto_eq_refused(4)},
                 [&] { return switch_to(40); });
     EXPECT_EQ(layout_of(f.library, 1), 50);
 }

@@ -19,35 +19,17 @@ log_line moved(int participant, int seat) {
 TEST(Seats, MovingOntoAHeldSeatStacksByTheLayoutsRule) {
     conference f;
     for (uint32_t id = 1; id <= 3; ++id) f.join(id);
+    constexpr int ok = QEL_ERROR_NONE, bad = QEL_ERROR_INVALID_VALUE;
+    // clang-format off
     const std::tuple<uint32_t, int32_t, int, std::vector<log_line>> moves[] = {
-        {3,
-         1,
-         QEL_ERROR_NONE,
-         {event("move_participant 1 3 seat 5 at 0 0 150 facing 180 0"), moved(3, 1)}},
-        {2,
-         1,
-         QEL_ERROR_NONE,
-         {event("move_participant 1 2 seat 9 at 0 0 200 facing 180 0"), moved(2, 1)}},
-        {3,
-         1,
-         QEL_ERROR_NONE,
-         {event("move_participant 1 3 seat 5 at 0 0 150 facing 180 0"), moved(3, 1)}},
-        {1,
-         1,
-         QEL_ERROR_NONE,
-         {event("move_participant 1 1 seat 1 at 0 0 100 facing 180 0"), moved(1, 1)}},
-        {1,
-         -1,
-         QEL_ERROR_INVALID_VALUE,
-         {warning("seat index -1 does not exist in room layout 10.")}},
-        {1,
-         lo,
-         QEL_ERROR_INVALID_VALUE,
-         {warning("seat index -2147483648 does not exist in room layout 10.")}},
-        {1,
-         0,
-         QEL_ERROR_NONE,
-         {event("move_participant 1 1 seat 0 at 0 0 0 facing 0 0"), moved(1, 0)}}};
+        {3, 1,  ok,  {event("move_participant 1 3 seat 5 at 0 0 150 facing 180 0"), moved(3, 1)}},
+        {2, 1,  ok,  {event("move_participant 1 2 seat 9 at 0 0 200 facing 180 0"), moved(2, 1)}},
+        {3, 1,  ok,  {event("move_participant 1 3 seat 5 at 0 0 150 facing 180 0"), moved(3, 1)}},
+        {1, 1,  ok,  {event("move_participant 1 1 seat 1 at 0 0 100 facing 180 0"), moved(1, 1)}},
+        {1, -1, bad, {warning("seat index -1 does not exist in room layout 10.")}},
+        {1, lo, bad, {warning("seat index -2147483648 does not exist in room layout 10.")}},
+        {1, 0,  ok,  {event("move_participant 1 1 seat 0 at 0 0 0 facing 0 0"), moved(1, 0)}}};
+    // clang-format on
     for (const auto& [participant, seat, code, lines] : moves) {
         expect_call(f.log, code, lines, [&, p = participant, s = seat] {
             return qel_set_participant_seat(f.library, 1, p, s);
@@ -87,9 +69,8 @@ TEST(Seats, PositionsAreForOpenRoomsWithHeadingsInRange) {
         expect_call(
             f.log, QEL_ERROR_INVALID_HEADING,
             {warning("You provided {" + std::to_string(azimuth) + ", " + std::to_string(elevation) +
-                     "} but your "
-                     "heading must have an azimuth between -180 and 180 and an elevation between "
-                     "-90 and 90")},
+                     "} but your heading must have an azimuth between -180 and 180 and an "
+                     "elevation between -90 and 90")},
             [&, h = qel_heading{azimuth, elevation}, r = room] {
                 return set({7, 8, 9}, h, r);
             });
@@ -99,8 +80,7 @@ TEST(Seats, PositionsAreForOpenRoomsWithHeadingsInRange) {
     f.join(1, regular(), 2);
     expect_call(f.log, QEL_ERROR_INVALID_CONTROL,
                 {warning("You can only use set_position for an open room. Change room 2 to an open "
-                         "room layout to use "
-                         "set_position")},
+                         "room layout to use set_position")},
                 [&] {
                     return set({5, 5, 5}, {10, 10}, 2);
                 });

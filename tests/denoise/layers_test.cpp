@@ -1,8 +1,7 @@
-// The network layers against the torch.nn fixtures of make_layer_fixtures.py,
-// paired forward paths included, and each shape check's exact message.
-// Tolerance 1e-5 (1 + |ref|): the longest float sums (192 terms, about 3.5 in
-// all) round by some 3e-6 (observed: 3.4e-7); the batch norm's error is
-// relative to its factor, several hundred for a zero variance.
+// The network layers against the torch.nn fixtures of make_layer_fixtures.py, paired forward paths
+// included, and each shape check's exact message. Tolerance 1e-5 (1 + |ref|): the longest float
+// sums (192 terms, about 3.5 in all) round by some 3e-6 (observed: 3.4e-7); the batch norm's error
+// is relative to its factor, several hundred for a zero variance.
 #include "api/quelora_exception.h"
 #include "denoise/dfn_synthesis.h"
 #include "denoise/layers.h"
@@ -30,9 +29,8 @@ void expect_close(const std::vector<float>& got, const std::vector<double>& want
             << what << ", element " << i << ": " << got[i] << " vs " << want[i];
 }
 
-// A GRU on a table-ordered parameter block. With `gaps` the twelve tensors
-// are copied apart, so the layer multiplies gate by gate instead of one
-// [3H][cols] block per side.
+// A GRU on a table-ordered parameter block. With `gaps` the twelve tensors are copied apart, so the
+// layer multiplies gate by gate instead of one [3H][cols] block per side.
 gru_layer make_gru(const std::vector<float>& p, uint32_t in, uint32_t hid, bool gaps,
                    std::vector<float>& copy) {
     const float* at[12];
@@ -147,8 +145,7 @@ TEST(Activations, ReluClearsNegativesInPacketsAndTail) {
     EXPECT_EQ(x, (std::vector<float>{0, 2, 0, 4, 5, 0, 7, 0, 0}));
 }
 
-// Each bad shape throws quelora_exception -9990 with its exact message, logged
-// once at error level.
+// Each bad shape throws quelora_exception -9990 with its exact message, logged once at error level.
 TEST(LayerShapeChecks, EachBadShapeThrowsAndLogsItsMessage) {
     static const std::vector<float> zeros(1024 * 64, 0.0f);
     const float* w = zeros.data();
@@ -201,8 +198,7 @@ TEST(LayerShapeChecks, EachBadShapeThrowsAndLogsItsMessage) {
          [&] { grouped_linear_layer(w, 1001, 512, 8); }},
         {"The input_size = 1000 must be divisible by groups = 7, ",
          [&] { grouped_linear_layer(w, 1000, 511, 7); }},
-        // Deliberately refused although 8 divides 1000: the per-group width 125 is not a multiple
-        // of 8.
+        // Deliberately refused though 8 divides 1000: the per-group width 125 is no multiple of 8.
         {"The input_size = 1000 must be divisible by groups = 8, ",
          [&] { grouped_linear_layer(w, 1000, 512, 8); }},
         {"grouped_linear: output_size is 12, must be divisible by groups = 8",

@@ -33,17 +33,12 @@ std::vector<shape> shapes(kernel kind) {
     const bool vector = kind == matrix_vector || kind == matrix_vector_pair;
     std::vector<shape> all = {{1, 384, 64}, {1, 128, 32}, {1, 32, 32}, {1, 32, 64}, {1, 32, 120}};
     if (vector) all = {{768, 256, 1}, {256, 256, 1}, {48, 24, 1}};
+    // clang-format off
     if (kind == matrix_matrix)
-        all.insert(all.end(), {{64, 64, 96},
-                               {64, 64, 48},
-                               {64, 64, 32},
-                               {64, 64, 16},
-                               {64, 64, 8},
-                               {64, 9, 32},
-                               {32, 9, 96},
-                               {1, 192, 32},
-                               {5, 160, 96},
-                               {10, 10, 96}});
+        all.insert(all.end(), {{64, 64, 96}, {64, 64, 48}, {64, 64, 32}, {64, 64, 16},
+                               {64, 64, 8},  {64, 9, 32},  {32, 9, 96},  {1, 192, 32},
+                               {5, 160, 96}, {10, 10, 96}});
+    // clang-format on
     const list ms = vector                  ? list{1, 2, 3, 4, 5, 7, 9, 13}
                     : kind == matrix_matrix ? list{1, 2, 3, 4, 5, 8, 12, 13, 15}
                                             : list{1};

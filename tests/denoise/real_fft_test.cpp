@@ -1,5 +1,4 @@
-// The real FFT: both directions against a direct DFT in double, and the
-// sizes it refuses.
+// The real FFT: both directions against a direct DFT in double, and the sizes it refuses.
 #include "dsp/real_fft.h"
 
 #include <gtest/gtest.h>

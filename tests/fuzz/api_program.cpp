@@ -28,8 +28,7 @@ constexpr int none = QEL_ERROR_NONE, R = QEL_ERROR_INVALID_ROOM_ID,
               T = QEL_ERROR_PARTICIPANT_TYPE, H = QEL_ERROR_INVALID_HEADING;
 using values = std::array<int64_t, 4>;
 
-// What the calling thread's callbacks saw since the last check (they run on the thread making the
-// change).
+// What this thread's callbacks saw since the last check (they run on the thread making the change).
 struct event_record {
     int fired = 0;
     size_t slot = 0;
@@ -40,33 +39,23 @@ thread_local event_record t_event;
 void fired(size_t slot, values v, const char* name = "") {
     t_event = {t_event.fired + 1, slot, v, name};
 }
+// clang-format off
 qel_event_manager_t checking_table{
     [](int32_t r) { fired(0, {r}); },
     [](int32_t r) { fired(1, {r}); },
     [](int32_t r, int32_t p, const char* name, const qel_participant_configuration* c) {
         fired(2, {r, p, c->input_sampling_rate, c->participant_type}, name);
     },
-    [](int32_t r, int32_t p) {
-        fired(3, {r, p});
-    },
-    [](int32_t r, int32_t p, const qel_seat* s) {
-        fired(4, {r, p, s->seat_index, s->z});
-    },
+    [](int32_t r, int32_t p) { fired(3, {r, p}); },
+    [](int32_t r, int32_t p, const qel_seat* s) { fired(4, {r, p, s->seat_index, s->z}); },
     [](int32_t r, int32_t p, const qel_position* q, qel_heading h) {
         fired(5, {r, p, q->z, h.elevation});
     },
-    [](int32_t r, int32_t p, qel_audio_control c, int32_t v) {
-        fired(6, {r, p, c, v});
-    },
-    [](int32_t r, qel_audio_control c, int32_t v) {
-        fired(7, {r, c, v});
-    },
-    [](int32_t r, int32_t layout) {
-        fired(8, {r, layout});
-    },
-    [](int32_t r, int32_t p, const char* name) {
-        fired(9, {r, p}, name);
-    }};
+    [](int32_t r, int32_t p, qel_audio_control c, int32_t v) { fired(6, {r, p, c, v}); },
+    [](int32_t r, qel_audio_control c, int32_t v) { fired(7, {r, c, v}); },
+    [](int32_t r, int32_t layout) { fired(8, {r, layout}); },
+    [](int32_t r, int32_t p, const char* name) { fired(9, {r, p}, name); }};
+// clang-format on
 
 template <typename T, size_t N> T at(const T (&table)[N], unsigned index) {
     return table[index % N];
@@ -152,15 +141,13 @@ void api_program::step(const uint8_t* s, api_op op) {
         if (!shared && event(check(qel_destroy_room(h, r), {R}, rm != nullptr), 1, {r}))
             rooms.erase(r);
         break;
-    case api_op::set_layout: // V: no such layout; C or V: a member refuses one of its default
-                             // states
+    case api_op::set_layout: // V: no such layout; C or V: a member refuses a default state
         if (event(check(qel_set_room_layout(h, r, layout), {R, V, C}, only_if(rm)), 8,
                   {r, layout})) {
             rm->layout = layout;
         }
         break;
-    case api_op::query_room: // others' members add to a shared room's count; V: a room without a
-                             // layout
+    case api_op::query_room: // V: a room without a layout; a shared room has others' members too
         if (check(qel_get_participant_count(h, r, null ? nullptr : &got), {R, null_code},
                   !null && rm)) {
             REQUIRE(got == int(rm->members.size()) ||
@@ -188,14 +175,12 @@ void api_program::step(const uint8_t* s, api_op op) {
         if (event(check(qel_remove_participant(h, r, p), {R, P}, pm != nullptr), 3, {r, p}))
             rm->members.erase(p);
         break;
-    case api_op::set_name: // a buffer of exactly the name's length passes, and takes the terminator
-                           // too
+    case api_op::set_name: // a buffer of just the name's length passes and takes the terminator too
         if (event(check(qel_set_participant_name(h, r, p, name), {R, P}, pm != nullptr), 9, {r, p},
                   stored)) {
             pm->name = stored;
             std::vector<char> back(stored.size() + 1, '\x7f');
-            const int length =
-                static_cast<int>(stored.size()) - (s[5] % 4 == 0); // or one byte short
+            const int length = int(stored.size()) - (s[5] % 4 == 0); // or one byte short
             check(qel_get_participant_name(h, r, p, back.data(), length), {L},
                   length == int(stored.size()));
             REQUIRE(length < int(stored.size()) || back.data() == stored);
@@ -226,8 +211,8 @@ void api_program::step(const uint8_t* s, api_op op) {
     }
     case api_op::set_state:
     case api_op::set_all_states: {
-        if (rm && control == QEL_CONTROL_STEREO_BYPASS_ENABLE &&
-            value != 0) { // before anyone can hear it
+        // Before anyone can hear it.
+        if (rm && control == QEL_CONTROL_STEREO_BYPASS_ENABLE && value != 0) {
             rm->bypass = true;
             if (shared) world.shared_bypass = true;
         }
@@ -237,8 +222,8 @@ void api_program::step(const uint8_t* s, api_op op) {
         if (event(check(code, {R, one ? P : R, C, V}, only_if(one ? pm != nullptr : rm != nullptr)),
                   one ? 6 : 7, one ? values{r, p, control, value} : values{r, control, value}) &&
             !shared) {
-            for (const auto& [id, member] :
-                 rm->members) { // a stored value passed its range check: exact
+            // A stored value passed its range check: it reads back exactly.
+            for (const auto& [id, member] : rm->members) {
                 REQUIRE(
                     (one && id != p) ||
                     (qel_get_participant_state(h, r, id, control, &got) == none && got == value));
@@ -266,8 +251,8 @@ void api_program::step(const uint8_t* s, api_op op) {
                             : qel_input_audio_double(h, r, p, null ? nullptr : d.data(), frames);
         const bool talks =
             pm && pm->configuration.participant_type != QEL_PARTICIPANT_LISTENER_ONLY;
-        const bool fits =
-            talks && frames == required; // a muted talker takes even a null block that fits
+        // A muted talker takes even a null block that fits.
+        const bool fits = talks && frames == required;
         check(code, {R, P, L, T, null_code}, fits && null ? std::nullopt : std::optional(fits));
         break;
     }
@@ -286,9 +271,8 @@ void api_program::step(const uint8_t* s, api_op op) {
         REQUIRE(!silent || listens);
         if (!check(silent ? none : code, {R, P, T, null_code}, listens)) break;
         world.heard += !silent;
-        // The limiter holds a block below full scale, the mono downmix and the output resampler's
-        // ripple can raise it; with stereo bypass the talkers' blocks, each within full scale, add
-        // up.
+        // The limiter holds a block below full scale; the mono downmix and the output resampler's
+        // ripple can raise it; stereo bypass adds up the talkers' blocks, each within full scale.
         const double cap = (o.output_number_channels == 1 ? 1.415 : 1) *
                            (o.output_sampling_rate == 48000 ? 1 : 1.25);
         const double bound = silent                                               ? 0.0

@@ -1,6 +1,5 @@
 // Programs of C-API calls decoded from bytes and run on one library handle, checked after every
-// call (api_program.cpp). The API fuzzer feeds one libFuzzer's bytes; the stress tests run several
-// at once.
+// call (api_program.cpp). The API fuzzer feeds one libFuzzer's bytes; stress runs many at once.
 #pragma once
 #include <quelora/quelora.h>
 
@@ -13,23 +12,13 @@
 
 namespace quelora::testing {
 
+// clang-format off
 enum class api_op : uint8_t {
-    create_room,
-    destroy_room,
-    set_layout,
-    query_room,
-    add,
-    remove,
-    set_name,
-    set_seat,
-    set_position,
-    set_state,
-    set_all_states,
-    flush,
-    input_audio,
-    output_audio,
-    count
+    create_room, destroy_room, set_layout, query_room,
+    add, remove, set_name, set_seat, set_position, set_state, set_all_states, flush,
+    input_audio, output_audio, count
 };
+// clang-format on
 
 // With several programs, room slots 0-3 name these rooms (created first, never destroyed), where
 // each program owns the participant ids equal to its index modulo the number of programs; slots 4-7

@@ -1,8 +1,7 @@
 // libFuzzer target for the C interface: byte 0 picks the room layout document (the built-in open
 // room, a conference, one whose default names no layout), the entry point, callback tables and
 // logging, bytes 1-2 the output format; the rest is a program of calls (api_program.h). The corpus
-// is what -merge=1 kept of fuzzing sessions: after a change of the encoding, fuzz from an empty
-// directory and merge again.
+// is what -merge=1 kept of fuzzing sessions: after an encoding change, fuzz afresh and merge again.
 #include "api_program.h"
 
 #include <quelora/qel_logger.h>
@@ -22,8 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint8_t b[3] = {};
     const size_t header = std::min<size_t>(size, 3);
     std::copy_n(data, header, b);
-    qel_enable_logging((b[0] & 0xE0) ==
-                       0xE0); // each call then formats its line: one input in eight
+    qel_enable_logging((b[0] & 0xE0) == 0xE0); // every call formats its line: one input in eight
     const int32_t outputs[][2] = {{8000, 80},   {8000, 160},  {16000, 160}, {16000, 320},
                                   {24000, 240}, {24000, 480}, {24000, 256}, {32000, 320},
                                   {32000, 640}, {48000, 480}, {48000, 960}, {48000, 512},

@@ -14,8 +14,8 @@
 #define REQUIRE(condition)                                                                         \
     if (!(condition)) std::abort()
 
-extern "C" int
-LLVMFuzzerInitialize(int*, char***) { // log lines are formatted from fuzzed text, then dropped
+// Log lines are formatted from fuzzed text, then dropped.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
     static struct : qel_logger_handler {
         void handle(qel_log_level, const char*) override {}
     } discard;
@@ -30,11 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 #ifdef QUELORA_FUZZ_ROOM_LAYOUT
     try {
         const quelora::room_layout_set set(quelora::parse_json_text(text));
-        const auto& all =
-            set.layouts(); // the text the library hands out parses back to as many layouts
+        const auto& all = set.layouts(); // the text handed out parses back to as many layouts
         REQUIRE(all.size() == quelora::parse_json_text(set.json_text()).at("room_list").size());
-        for (const auto& layout :
-             all) { // of layouts sharing an id, the first in key order is found
+        for (const auto& layout : all) { // of those sharing an id, the first in key order is found
             auto same_id = [&](const auto& other) { return other->id == layout->id; };
             REQUIRE(set.find(layout->id) == std::find_if(all.begin(), all.end(), same_id)->get());
         }

@@ -18,21 +18,17 @@ namespace qt = quelora::testing;
 TEST(AudioAllocation, SteadyBlockPeriodsAllocateNothingInEveryFormatAndSetting) {
     // Defaults, the noise canceller, every other stage, stereo bypass, and all
     // muted (every output then takes the no-input path).
+    // clang-format off
     const std::vector<std::pair<qel_audio_control, int>> settings[] = {
-        {},
-        {{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_HIGH, 1}, {QEL_CONTROL_ANC_MIX, 70}},
-        {{QEL_CONTROL_ANC_ENABLE, 1},
-         {QEL_CONTROL_ANC_HIGH, 0},
-         {QEL_CONTROL_AGC_ENABLE, 1},
-         {QEL_CONTROL_MASTER_GAIN, 50},
-         {QEL_CONTROL_MIXING_3D_ENABLE, 1},
+        {}, {{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_HIGH, 1}, {QEL_CONTROL_ANC_MIX, 70}},
+        {{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_HIGH, 0}, {QEL_CONTROL_AGC_ENABLE, 1},
+         {QEL_CONTROL_MASTER_GAIN, 50}, {QEL_CONTROL_MIXING_3D_ENABLE, 1},
          {QEL_CONTROL_DEVICE, QEL_DEVICE_SPEAKER}},
-        {{QEL_CONTROL_STEREO_BYPASS_ENABLE, 1}},
-        {{QEL_CONTROL_MUTE_ENABLE, 1}}};
-    const qel_participant_configuration members[] = {{48000, 1, QEL_PARTICIPANT_REGULAR},
-                                                     {16000, 1, QEL_PARTICIPANT_REGULAR},
-                                                     {48000, 2, QEL_PARTICIPANT_REGULAR},
-                                                     {48000, 1, QEL_PARTICIPANT_LISTENER_ONLY}};
+        {{QEL_CONTROL_STEREO_BYPASS_ENABLE, 1}}, {{QEL_CONTROL_MUTE_ENABLE, 1}}};
+    const qel_participant_configuration members[] = {
+        {48000, 1, QEL_PARTICIPANT_REGULAR}, {16000, 1, QEL_PARTICIPANT_REGULAR},
+        {48000, 2, QEL_PARTICIPANT_REGULAR}, {48000, 1, QEL_PARTICIPANT_LISTENER_ONLY}};
+    // clang-format on
     for (const auto& format :
          {qel_library_configuration{48000, 480, 2, true, 3}, {16000, 160, 1, false, 3}}) {
         for (size_t setting = 0; setting < std::size(settings); ++setting) {
@@ -67,11 +63,10 @@ TEST(AudioAllocation, SteadyBlockPeriodsAllocateNothingInEveryFormatAndSetting) 
             }
             const int heard =
                 setting == std::size(settings) - 1 ? QEL_ERROR_NO_INPUT_AUDIO : QEL_ERROR_NONE;
-            for (int period = 0; period < 220;
-                 ++period) { // 20 to fill the queues, then 200 counted
+            for (int period = 0; period < 220; ++period) { // 20 fill the queues, then 200 counted
                 if (period == 20) qt::start_counting_allocations();
-                for (uint32_t id = 0; id < 3;
-                     ++id) { // the sample types rotate over periods and participants
+                // The sample types rotate over periods and participants.
+                for (uint32_t id = 0; id < 3; ++id) {
                     const int type = (period + static_cast<int>(id)) % 3;
                     ASSERT_EQ(
                         type == 0   ? qel_input_audio_short(lib, 1, id, in[id].s16, in[id].frames)
@@ -94,17 +89,16 @@ TEST(AudioAllocation, SteadyBlockPeriodsAllocateNothingInEveryFormatAndSetting) 
     }
 }
 
-TEST(AudioAllocation,
-     CounterSeesOperatorNewAndTheMallocFamily) { // else the test above could pass vacuously
+// Else the test above could pass vacuously.
+TEST(AudioAllocation, CounterSeesOperatorNewAndTheMallocFamily) {
     qt::start_counting_allocations();
     void* e = nullptr;
-    void* volatile blocks[] = {::operator new(24),
-                               ::operator new (64, std::align_val_t{64}),
-                               std::malloc(64),
-                               std::calloc(4, 16),
-                               std::realloc(nullptr, 32),
+    // clang-format off
+    void* volatile blocks[] = {::operator new(24), ::operator new(64, std::align_val_t{64}),
+                               std::malloc(64), std::calloc(4, 16), std::realloc(nullptr, 32),
                                std::aligned_alloc(64, 128),
                                posix_memalign(&e, 64, 128) == 0 ? e : nullptr};
+    // clang-format on
     EXPECT_EQ(qt::stop_counting_allocations(), 7);
     ::operator delete(blocks[0]);
     ::operator delete (blocks[1], std::align_val_t{64});

@@ -1,8 +1,7 @@
 // Several programs of random C-API calls (fuzz/api_program.h) on one handle at once, each on a
 // thread of its own: in the shared rooms each talks, listens, moves and sets the controls of its
 // own participants while the others switch the layout, set everyone's states and come and go; in
-// rooms of their own they create, fill and destroy rooms. `make tsan` runs these under
-// ThreadSanitizer.
+// their own rooms they create, fill and destroy rooms. `make tsan` runs this under ThreadSanitizer.
 #include "fuzz/api_program.h"
 #include "support/library_fixture.h"
 

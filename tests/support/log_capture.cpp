@@ -24,10 +24,4 @@ std::vector<std::string> log_capture::select(const qel_log_level* level) const {
     return out;
 }
 
-size_t log_capture::count(const std::string& message) const {
-    size_t n = 0;
-    for (const auto& line : lines()) n += line.message == message ? 1 : 0;
-    return n;
-}
-
 } // namespace quelora::testing

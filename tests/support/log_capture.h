@@ -4,6 +4,7 @@
 
 #include <quelora/qel_logger.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -36,8 +37,10 @@ public:
     }
     std::vector<std::string> messages() const { return select(nullptr); }
     std::vector<std::string> messages_at(qel_log_level level) const { return select(&level); }
-    bool contains(const std::string& message) const { return count(message) > 0; }
-    size_t count(const std::string& message) const;
+    bool contains(const std::string& message) const {
+        const auto all = messages();
+        return std::find(all.begin(), all.end(), message) != all.end();
+    }
 
 private:
     std::vector<std::string> select(const qel_log_level* level) const; // all levels when null

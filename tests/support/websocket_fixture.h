@@ -43,20 +43,16 @@ inline const tls_files& test_tls_files() {
         const std::string command =
             "cd " + d +
             " && (openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -days 2"
-            " -subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout key.pem -out "
-            "cert.pem"
-            " -passout 'pass:test pass phrase' && openssl pkey -in key.pem -passin 'pass:test pass "
-            "phrase'"
-            " -aes256 -out other_key.pem -passout 'pass:other pass phrase' && openssl genpkey "
-            "-genparam"
-            " -algorithm DH -pkeyopt group:ffdhe2048 -out dh.pem) >openssl.log 2>&1";
+            " -subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout key.pem"
+            " -out cert.pem -passout 'pass:test pass phrase' && openssl pkey -in key.pem"
+            " -passin 'pass:test pass phrase' -aes256 -out other_key.pem"
+            " -passout 'pass:other pass phrase' && openssl genpkey -genparam -algorithm DH"
+            " -pkeyopt group:ffdhe2048 -out dh.pem) >openssl.log 2>&1";
         EXPECT_EQ(std::system(command.c_str()), 0) << "openssl failed; see " << d << "/openssl.log";
-        return tls_files{d,
-                         d + "/cert.pem",
-                         d + "/key.pem",
-                         d + "/other_key.pem",
-                         d + "/dh.pem",
+        // clang-format off
+        return tls_files{d, d + "/cert.pem", d + "/key.pem", d + "/other_key.pem", d + "/dh.pem",
                          "test pass phrase"};
+        // clang-format on
     }();
     return files;
 }

@@ -60,7 +60,8 @@ TEST(EventMessages, EveryMessageIsWrittenOutExactly) {
         {set_participant_position_message(int_max, int_min, qel_position{int_min, -200, int_max},
                                           qel_heading{-90, 45}),
          R"({"Event":"set_participant_position","room_id":2147483647,"participant_id":-2147483648,)"
-         R"("x":-2147483648,"y":-200,"z":2147483647,"azimuth_heading":-90,"elevation_heading":45})"},
+         R"("x":-2147483648,"y":-200,"z":2147483647,)"
+         R"("azimuth_heading":-90,"elevation_heading":45})"},
         {set_participant_state_message(int_min, int_max, QEL_CONTROL_STEREO_BYPASS_ENABLE, int_min),
          R"({"Event":"set_participant_state","room_id":-2147483648,"participant_id":2147483647,)"
          R"("control_to_edit":"QEL_CONTROL_STEREO_BYPASS_ENABLE","value":-2147483648})"},
@@ -80,11 +81,7 @@ TEST(EventMessages, EveryMessageIsWrittenOutExactly) {
          name_message(R"(line\nbreak\ttab\u0001\u001f)")},
         {set_name_message(1, 2, "Zo\xc3\xab \xf0\x9f\x98\x80"),
          name_message("Zo\xc3\xab \xf0\x9f\x98\x80")},
-        {set_name_message(1, 2,
-                          "a\xff"
-                          "b"),
-         name_message("a\xef\xbf\xbd"
-                      "b")},
+        {set_name_message(1, 2, "a\377b"), name_message("a\uFFFDb")},
         {set_name_message(1, 2, "Zo\xc3"), name_message("Zo\xef\xbf\xbd")}, // cut short at the end
     };
     for (size_t i = 0; i < rows.size(); ++i)

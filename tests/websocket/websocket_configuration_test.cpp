@@ -1,6 +1,5 @@
-// Reading the websocket configuration file: each failure is one exception and one log line with
-// the exact text hosts see; each key by the rule the transport relies on
-// (websocket_configuration.cpp).
+// Reading the websocket configuration file: each failure is one exception and one log line with the
+// exact text hosts see; each key by the rule the transport relies on (websocket_configuration.cpp).
 #include "api/quelora_exception.h"
 #include "events/websocket_configuration.h"
 #include "support/library_fixture.h"
@@ -21,13 +20,12 @@ using members = std::vector<std::pair<std::string, std::string>>;
 namespace {
 
 // Key and raw JSON value, in the order the reader checks them.
-const members good = {{"port", "8443"},
-                      {"cert_file_name", R"("/q/cert.pem")"},
-                      {"dh_params_file_name", R"("dh")"},
-                      {"key_file_name", R"("/q/key.pem")"},
-                      {"passphrase", R"("open sesame")"},
-                      {"authentification_key", R"("X-Key")"},
+// clang-format off
+const members good = {{"port", "8443"},                   {"cert_file_name", R"("/q/cert.pem")"},
+                      {"dh_params_file_name", R"("dh")"},  {"key_file_name", R"("/q/key.pem")"},
+                      {"passphrase", R"("open sesame")"},  {"authentification_key", R"("X-Key")"},
                       {"authentification_value", R"("s3cr3t value")"}};
+// clang-format on
 
 // A file of the good members in reverse order (the file's order decides
 // nothing) with `changes` (an empty value leaves the key out); its path.
@@ -58,17 +56,14 @@ void expect_failure(const char* path, qel_log_level level, const std::string& me
 
 TEST(WebsocketConfiguration, EachKeysValuesAreReadOrTheFirstBadKeyInTableOrderIsReported) {
     // Values read as they are; the good file's other values stay.
-    const members accepted = {{"port", "1"},
-                              {"port", "65535"},
-                              {"port", "8.08e3"},
-                              {"cert_file_name", R"("a")"},
-                              {"passphrase", R"("")"},
-                              {"dh_params_file_name", R"("d h")"},
-                              {"key_file_name", R"("k\u00e9y")"},
-                              {"passphrase", R"(" \t\u00e9 ")"},
-                              {"authentification_key", R"("!#$%&'*+-.^_`|~09azAZ")"},
-                              {"authentification_value", R"("x")"},
-                              {"authentification_value", R"j("!\"#~ (a\tb)")j"}};
+    // clang-format off
+    const members accepted = {
+        {"port", "1"}, {"port", "65535"}, {"port", "8.08e3"}, {"cert_file_name", R"("a")"},
+        {"passphrase", R"("")"}, {"dh_params_file_name", R"("d h")"},
+        {"key_file_name", R"("k\u00e9y")"}, {"passphrase", R"(" \t\u00e9 ")"},
+        {"authentification_key", R"("!#$%&'*+-.^_`|~09azAZ")"},
+        {"authentification_value", R"("x")"}, {"authentification_value", R"j("!\"#~ (a\tb)")j"}};
+    // clang-format on
     for (const auto& [key, raw] : accepted) {
         quelora::testing::log_capture capture;
         const auto c = read_websocket_configuration(file_with({{key, raw}}).c_str());
@@ -104,9 +99,8 @@ TEST(WebsocketConfiguration, EachKeysValuesAreReadOrTheFirstBadKeyInTableOrderIs
         {{{"key_file_name", ""}, {"port", R"("8443")"}}, "port"},
         {{{"authentification_value", R"("")"}, {"cert_file_name", "1"}}, "cert_file_name"},
         {{{"authentification_key", ""}, {"passphrase", ""}}, "passphrase"}};
-    for (const auto& [key, values] : invalid) {
+    for (const auto& [key, values] : invalid)
         for (const auto& raw : values) rows.push_back({{{key, raw}}, key});
-    }
     for (const auto& [changes, key] : rows) {
         SCOPED_TRACE(changes[0].first + " = " + changes[0].second);
         expect_failure(file_with(changes).c_str(), QEL_LOG_ERROR, parameter_message(key));

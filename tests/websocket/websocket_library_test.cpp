@@ -35,9 +35,8 @@ qel_handle initialize(const std::string& websocket_path, bool strict,
 
 strings warnings_and_errors(const log_capture& capture) {
     strings lines;
-    for (const auto& line : capture.lines()) {
+    for (const auto& line : capture.lines())
         if (line.level >= QEL_LOG_WARNING) lines.push_back(line.message);
-    }
     return lines;
 }
 
@@ -80,21 +79,18 @@ TEST(WebsocketLibrary, ABadConfigurationFailsStrictInitialisationAndIsOnlyLogged
     const std::string missing = "/nonexistent/quelora/websocket.json";
     log_capture capture;
     EXPECT_EQ(initialize(missing, true), nullptr);
-    EXPECT_EQ(
-        warnings_and_errors(capture),
-        strings{missing +
-                " does not exist. Please check if the path to your websocket configuration file "
-                "is correct."});
+    EXPECT_EQ(warnings_and_errors(capture),
+              strings{missing + " does not exist. Please check if the path to your websocket "
+                                "configuration file is correct."});
     capture.clear();
     qel_handle handle = initialize(
         write_temp_file("websocket.json", R"({"port": 9000, "cert_file_name": 7})"), false);
     const strings lines = warnings_and_errors(capture); // after two about the null layout path
-    EXPECT_EQ(
-        strings(lines.begin() + 2, lines.end()),
-        (strings{
-            "The websocket configuration parameter 'cert_file_name' is either missing or invalid.",
-            "The library will work properly except qel_enable_websockets and "
-            "qel_send_custom_websocket_event"}));
+    EXPECT_EQ(strings(lines.begin() + 2, lines.end()),
+              (strings{"The websocket configuration parameter 'cert_file_name' is either missing "
+                       "or invalid.",
+                       "The library will work properly except qel_enable_websockets and "
+                       "qel_send_custom_websocket_event"}));
     capture.clear();
     EXPECT_EQ(qel_enable_websockets(handle), QEL_ERROR_INVALID_VALUE);
     EXPECT_EQ(qel_send_custom_websocket_event(handle, "{}"), QEL_ERROR_INVALID_VALUE);
@@ -135,17 +131,13 @@ TEST(WebsocketLibrary, ASessionReachesTheClientByteExactInOrderWhileAnotherNever
     std::string longest(1 << 20, 'x'),
         too_long((1 << 20) + 1, 'x'); // JSON strings of 1 MiB and one byte more
     longest.front() = longest.back() = too_long.front() = too_long.back() = '"';
+    // clang-format off
     const std::vector<std::pair<std::string, std::string>> custom = {
-        {" {\"a\": [1, 2.5, null]} ", ""},
-        {"42", ""},
-        {"", invalid},
-        {"{\"a\":}", invalid},
-        {"[1,]", invalid},
-        {"{} {}", invalid},
-        {"\"unterminated", invalid},
-        {longest, ""},
+        {" {\"a\": [1, 2.5, null]} ", ""}, {"42", ""}, {"", invalid}, {"{\"a\":}", invalid},
+        {"[1,]", invalid}, {"{} {}", invalid}, {"\"unterminated", invalid}, {longest, ""},
         {too_long, "Your custom websocket event is 1048577 bytes long but it may be at most "
                    "1048576 bytes long"}};
+    // clang-format on
     for (const auto& [text, warning] : custom)
         expected.insert(expected.end(), warning.empty() ? 1 : 0, text);
     // 80 rounds of a 256 KiB custom event and a control change (20 MiB) overflow

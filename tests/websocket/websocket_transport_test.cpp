@@ -114,18 +114,16 @@ TEST(WebsocketTransport, RefusesClientsWithoutTheKeyAndServesEveryOtherByteExact
     const std::string value = "s3cret value&=+/", query = "x=1&&token=s3cret+value%26%3d%2B%2f";
     server s(value);
     // Client arguments, the start of its one line, its exit code, the reason logged.
+    // clang-format off
     const std::vector<std::tuple<strings, std::string, int, std::string>> refused = {
-        {{}, "refused 401", 3, "missing authentication"},
-        {{"--query", query.substr(0, query.size() - 1)},
-         "refused 401",
-         3,
+        {{},                                      "refused 401", 3, "missing authentication"},
+        {{"--query", query.substr(0, query.size() - 1)}, "refused 401", 3,
          "missing authentication"}, // "%2" is cut short
-        {{"--header", "token=" + value + "x"}, "refused 401", 3, "wrong authentication value"},
-        {{"--query", query + "+"}, "refused 401", 3, "wrong authentication value"},
-        {{"--mode", "get", "--query", query},
-         R"(status 401 Quelora "Unauthorized\n")",
-         0,
+        {{"--header", "token=" + value + "x"},    "refused 401", 3, "wrong authentication value"},
+        {{"--query", query + "+"},                "refused 401", 3, "wrong authentication value"},
+        {{"--mode", "get", "--query", query}, R"(status 401 Quelora "Unauthorized\n")", 0,
          "not a websocket upgrade request"}};
+    // clang-format on
     for (const auto& [arguments, line, exit_code, reason] : refused) {
         capture.clear();
         python_client client(s.port, arguments);

@@ -29,8 +29,8 @@ async def connect(arguments, context, **extra):
     headers = [arguments.header.split("=", 1)] if arguments.header else []
     try:
         return await websockets.connect(
-            f"wss://localhost:{arguments.port}{target}", ssl=context, extra_headers=headers, ping_interval=None,
-            open_timeout=None, max_size=None, compression=None, **extra)
+            f"wss://localhost:{arguments.port}{target}", ssl=context, extra_headers=headers,
+            ping_interval=None, open_timeout=None, max_size=None, compression=None, **extra)
     except websockets.exceptions.InvalidStatusCode as error:
         raise Outcome(f"refused {error.status_code}", 3) from error
 
@@ -53,10 +53,12 @@ async def run(arguments, context):
         raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         raw.setblocking(False)
         await asyncio.get_running_loop().sock_connect(raw, ("127.0.0.1", arguments.port))
-        await connect(arguments, context, sock=raw, server_hostname="localhost", max_queue=1, read_limit=4096)
+        await connect(arguments, context, sock=raw, server_hostname="localhost", max_queue=1,
+                      read_limit=4096)
         print("connected 1")
         await asyncio.Future()
-    connections = await asyncio.gather(*(connect(arguments, context) for _ in range(arguments.clients)))
+    connections = await asyncio.gather(
+        *(connect(arguments, context) for _ in range(arguments.clients)))
     print(f"connected {len(connections)}")
     received = await asyncio.gather(*(receive(c, i, arguments) for i, c in enumerate(connections)))
     for index, messages in enumerate(received):
@@ -73,19 +75,23 @@ async def run(arguments, context):
 def main():
     print(os.getpid())
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    for name, kind in (("--port", int), ("--cafile", str), ("--clients", int), ("--count", int), ("--header", str),
-                       ("--query", str)):  # --header NAME=VALUE; --query: the target's query string, as sent
+    # --header NAME=VALUE; --query: the target's query string, as sent.
+    for name, kind in (("--port", int), ("--cafile", str), ("--clients", int), ("--count", int),
+                       ("--header", str), ("--query", str)):
         parser.add_argument(name, type=kind, default={"--clients": 1, "--count": 0}.get(name))
     parser.add_argument("--progress", action="store_true")
-    parser.add_argument("--mode", default="listen", choices=["listen", "never-read", "disconnect-after", "get"])
+    parser.add_argument("--mode", default="listen",
+                        choices=["listen", "never-read", "disconnect-after", "get"])
     arguments = parser.parse_args()
     context = ssl.create_default_context(cafile=arguments.cafile)
     try:
         if arguments.mode == "get":
-            connection = http.client.HTTPSConnection("localhost", arguments.port, context=context, timeout=60)
+            connection = http.client.HTTPSConnection("localhost", arguments.port, context=context,
+                                                     timeout=60)
             connection.request("GET", "/?" + arguments.query)
             response = connection.getresponse()
-            print(f"status {response.status} {response.getheader('Server')} {json.dumps(response.read().decode())}")
+            body = json.dumps(response.read().decode())
+            print(f"status {response.status} {response.getheader('Server')} {body}")
         else:
             asyncio.run(asyncio.wait_for(run(arguments, context), 60))
     except Outcome as outcome:
