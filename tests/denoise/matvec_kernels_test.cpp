@@ -3,7 +3,6 @@
 // output. Bound: k u sum_l |a_il b_lj| (u = 2^-24, k the inner length), the worst
 // case of k float products summed in any order; a wrong index is off by a term.
 #include "denoise/matvec_kernels.h"
-#include "dsp/processor_dispatch.h"
 
 #include <gtest/gtest.h>
 
@@ -109,14 +108,6 @@ INSTANTIATE_TEST_SUITE_P(, MatvecKernels,
                              return std::string(std::get<0>(param.param) ? "Avx2Fma" : "Portable") +
                                     kernel_names[std::get<1>(param.param)];
                          });
-
-TEST(MatvecKernelDispatch, PicksAvx2FmaExactlyWhenTheProcessorHasBoth) {
-    dsp::initialize_processor_dispatch();
-    const auto& cpu = dsp::current_processor_features();
-    EXPECT_EQ(avx2_fma_matvec_kernels() != nullptr, cpu.avx2 && cpu.fma);
-    EXPECT_EQ(std::string(selected_matvec_kernels().name),
-              cpu.avx2 && cpu.fma ? "avx2_fma" : "portable");
-}
 
 } // namespace
 } // namespace quelora::denoise

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <poll.h>
+
 #include <filesystem>
 #include <memory>
 #include <regex>
@@ -212,4 +215,39 @@ TEST(WebsocketTransport, DropsClientsThatLeaveOrFallBehindAndServesTheRest) {
             count_matching(capture, QEL_LOG_WARNING, client_pattern + dropped + " waiting\\)"), 1u);
     }
     EXPECT_EQ(capture.messages_at(QEL_LOG_WARNING).size(), 3u);
+}
+
+// A connection that says nothing is closed at its handshake deadline, one beyond the connection
+// limit at once, each with its warning, so that idle connections cannot use up the process's
+// descriptors; the connected client is still served.
+TEST(WebsocketTransport, SilentConnectionsAndConnectionsBeyondTheLimitAreClosed) {
+    log_capture capture;
+    ev::transport_limits limits;
+    limits.max_connections = 1;
+    limits.handshake_timeout = std::chrono::milliseconds(300);
+    server s("secret", limits);
+    const auto closed_by_server = [&] { // within 5 s, after whatever the server sends first
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(s.port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        pollfd descriptor{fd, POLLIN, 0};
+        char block[4096];
+        bool closed = false;
+        while (!closed && poll(&descriptor, 1, 5000) > 0)
+            closed = recv(fd, block, sizeof block, 0) <= 0;
+        close(fd);
+        return closed;
+    };
+    EXPECT_TRUE(closed_by_server());
+    python_client client(s.port, with_key({"--count", "1"}));
+    EXPECT_EQ(client.read_line(), "connected 1");
+    EXPECT_TRUE(closed_by_server());
+    s.transport.broadcast("served");
+    EXPECT_EQ(client.read_output(1, "done")[0], strings{"served"});
+    for (const std::string reason : {"the handshake did not finish within 300 ms",
+                                     "1 connections are open, the most it keeps"})
+        EXPECT_EQ(count_matching(capture, QEL_LOG_WARNING, refused_pattern + reason), 1u) << reason;
 }
