@@ -11,6 +11,7 @@
 
 #include <quelora/quelora.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -54,8 +55,11 @@ private:
 
     qel_logger_handler* handler_;
     std::mutex mutex_;
-    bool enabled_ = false;
-    qel_log_level threshold_ = QEL_LOG_WARNING;
+    // Atomic so that a line below the threshold (the audio path's
+    // "no input audio" at level 1, on every silent output call) is dropped
+    // without taking the mutex that every thread's log lines share.
+    std::atomic<bool> enabled_ = false;
+    std::atomic<qel_log_level> threshold_ = QEL_LOG_WARNING;
 };
 
 #endif // QUELORA_QEL_LOGGER_H

@@ -1,5 +1,6 @@
 #include "api/library.h"
 
+#include "audio/measured_hrtf.h"
 #include "dsp/processor_dispatch.h"
 
 qel_library::qel_library(const char* room_layout_file, const char* websocket_configuration_file,
@@ -11,7 +12,7 @@ qel_library::qel_library(const char* room_layout_file, const char* websocket_con
     // The layouts, then the room registry that points into them.
     layouts_ = quelora::load_room_layouts(room_layout_file, mode);
     configuration_ = configuration;
-    conference_ = std::make_unique<quelora::conference>(*layouts_, configuration_);
+    conference_ = std::make_unique<quelora::conference>(*layouts_, configuration_, banks_);
 
     // The websocket server, if any (the flavour decides: api/websocket_flavour.h).
     websocket_server_ = quelora::construct_websocket_server(websocket_configuration_file, mode,
@@ -20,8 +21,13 @@ qel_library::qel_library(const char* room_layout_file, const char* websocket_con
     // Processor feature detection for the kernels, once per process.
     quelora::dsp::initialize_processor_dispatch();
     sizes_ = quelora::derive_processing_sizes(configuration_);
-    // The spatial and speaker filter banks will be built here, from the filter
-    // data that the spatial-rendering issue supplies (docs/status.md).
+    // The filter banks, derived from the measured responses compiled into
+    // the library, cut and transformed for this quality and block size.
+    const quelora::measured_hrtf_set& measured = quelora::measured_hrtf_set::compiled_in();
+    spatial_bank_ = std::make_unique<quelora::spatial_filter_bank>(
+        measured, sizes_.spatial_filter_length, sizes_.processing_block, sizes_.transform_size);
+    crosstalk_bank_ = std::make_unique<quelora::crosstalk_filter_bank>(measured);
+    banks_ = {spatial_bank_.get(), crosstalk_bank_.get()};
 }
 
 // Teardown order: the rooms with all they own (and with them the list of

@@ -62,10 +62,17 @@ void qel_logger::set_log_level(qel_log_level level) {
 }
 
 void qel_logger::log(qel_log_level level, const char* format, ...) {
+    const auto wanted = [&] {
+        return enabled_.load(std::memory_order_relaxed) &&
+               static_cast<int32_t>(level) >=
+                   static_cast<int32_t>(threshold_.load(std::memory_order_relaxed));
+    };
+    if (!wanted()) return;
     std::lock_guard lock(mutex_);
-    if (!enabled_ || static_cast<int32_t>(level) < static_cast<int32_t>(threshold_)) {
-        return;
-    }
+    // Checked again under the mutex: a line races with a concurrent
+    // set_enabled or set_log_level exactly as it did when only the mutex
+    // guarded them.
+    if (!wanted()) return;
     va_list args;
     va_start(args, format);
     const std::vector<char> message = quelora::format_message(format, args);

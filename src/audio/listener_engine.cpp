@@ -6,18 +6,16 @@
 
 namespace quelora {
 
-listener_engine::listener_engine(int32_t frames, size_t expected_sources) : frames_(frames) {
+listener_engine::listener_engine(int32_t frames, size_t expected_sources,
+                                 const spatial_filter_bank* bank)
+    : frames_(frames) {
     slots_.reserve(expected_sources);
     render_view_.reserve(expected_sources);
+    if (bank != nullptr) renderer_ = std::make_unique<binaural_renderer>(*bank, frames);
 }
 
 listener_engine::~listener_engine() {
-    // Queues are singly linked through unique_ptr: unlink iteratively so a
-    // long queue cannot overflow the stack on destruction.
-    for (source_slot& slot : slots_) discard_queue(slot);
-    for (source_slot& slot : slots_) {
-        while (slot.free_nodes) slot.free_nodes = std::move(slot.free_nodes->next);
-    }
+    for (source_slot& slot : slots_) release_all(slot);
 }
 
 listener_engine::source_slot* listener_engine::find(int32_t source_id) {
@@ -34,6 +32,7 @@ void listener_engine::add_source(int32_t source_id, int32_t channels) {
     source_slot slot;
     slot.source_id = source_id;
     slot.channels = channels;
+    if (renderer_) slot.render_state = renderer_->make_source_state();
     std::lock_guard lock(mutex_);
     slots_.push_back(std::move(slot));
     render_view_.reserve(slots_.size());
@@ -43,21 +42,38 @@ void listener_engine::remove_source(int32_t source_id) {
     std::lock_guard lock(mutex_);
     source_slot* slot = find(source_id);
     if (slot == nullptr) return;
-    discard_queue(*slot);
-    slot->popped.reset();
-    while (slot->free_nodes) slot->free_nodes = std::move(slot->free_nodes->next);
+    release_all(*slot);
     std::erase_if(slots_, [&](const source_slot& s) { return s.source_id == source_id; });
+}
+
+void listener_engine::recycle(source_slot& slot, std::unique_ptr<queue_node> node) {
+    if (!node) return;
+    if (node->spectra != nullptr) {
+        node->spectra->release();
+        node->spectra = nullptr;
+    }
+    node->next = std::move(slot.free_nodes);
+    slot.free_nodes = std::move(node);
 }
 
 void listener_engine::discard_queue(source_slot& slot) {
     while (slot.head) {
         std::unique_ptr<queue_node> node = std::move(slot.head);
         slot.head = std::move(node->next);
-        node->next = std::move(slot.free_nodes);
-        slot.free_nodes = std::move(node);
+        recycle(slot, std::move(node));
     }
     slot.tail = nullptr;
     slot.queued = 0;
+}
+
+// Drops every node of a slot, releasing its spectrum references. Queues are
+// singly linked through unique_ptr: unlinked iteratively so that a long
+// queue cannot overflow the stack.
+void listener_engine::release_all(source_slot& slot) {
+    discard_queue(slot);
+    recycle(slot, std::move(slot.popped));
+    recycle(slot, std::move(slot.previous));
+    while (slot.free_nodes) slot.free_nodes = std::move(slot.free_nodes->next);
 }
 
 bool listener_engine::flush_source(int32_t source_id) {
@@ -71,7 +87,9 @@ bool listener_engine::flush_source(int32_t source_id) {
 void listener_engine::flush() {
     std::lock_guard lock(mutex_);
     for (source_slot& slot : slots_) discard_queue(slot);
-    if (renderer_) renderer_->reset();
+    // The renderer and the held blocks may be in use by a rendering that runs
+    // outside the mutex; the next mix, which owns them, forgets them.
+    reset_requested_ = true;
 }
 
 std::unique_ptr<listener_engine::queue_node> listener_engine::take_node(source_slot& slot) {
@@ -88,7 +106,8 @@ std::unique_ptr<listener_engine::queue_node> listener_engine::take_node(source_s
     return node;
 }
 
-bool listener_engine::submit(int32_t source_id, const float* block, float gain) {
+bool listener_engine::submit(int32_t source_id, const float* block, float gain,
+                             spectrum_record* spectra, uint64_t sequence) {
     std::lock_guard lock(mutex_);
     source_slot* slot = find(source_id);
     if (slot == nullptr) return false;
@@ -96,6 +115,10 @@ bool listener_engine::submit(int32_t source_id, const float* block, float gain) 
     const int32_t samples = slot->channels * frames_;
     dsp::copy(block, node->data.get(), samples);
     if (gain != 1.0f) dsp::scale(node->data.get(), gain, samples);
+    if (spectra != nullptr) spectra->acquire();
+    node->spectra = spectra;
+    node->sequence = sequence;
+    node->gain = gain;
     queue_node* raw = node.get();
     if (slot->tail == nullptr) {
         slot->head = std::move(node);
@@ -109,10 +132,8 @@ bool listener_engine::submit(int32_t source_id, const float* block, float gain) 
 
 bool listener_engine::pop(source_slot& slot) {
     if (!slot.head) return false;
-    if (slot.popped) {
-        slot.popped->next = std::move(slot.free_nodes);
-        slot.free_nodes = std::move(slot.popped);
-    }
+    recycle(slot, std::move(slot.previous));
+    slot.previous = std::move(slot.popped);
     slot.popped = std::move(slot.head);
     slot.head = std::move(slot.popped->next);
     if (!slot.head) slot.tail = nullptr;
@@ -133,52 +154,55 @@ void listener_engine::mix_plainly(const source_slot& slot, float* destination) c
     }
 }
 
-int32_t listener_engine::mix(float* destination, const control_values& listener) {
-    const bool bypass = listener.get(QEL_CONTROL_STEREO_BYPASS_ENABLE) != 0;
-    const bool mixing_3d = listener.get(QEL_CONTROL_MIXING_3D_ENABLE) != 0 && !bypass;
-    dsp::zero(destination, 2 * frames_);
-
-    std::lock_guard lock(mutex_);
-    // Without a renderer (no filter bank yet, docs/status.md) a 3D listener
-    // is mixed plainly rather than not at all.
-    const bool rendered = mixing_3d && renderer_ != nullptr;
-    bool present = false;
-    for (source_slot& slot : slots_) {
-        slot.received = false;
-        // A source has a new block when its queue holds a full one: every
-        // queued node is full, so a non-empty queue says it.
-        if (!pop(slot)) continue;
-        slot.received = true;
-        present = true;
-        if (!rendered) mix_plainly(slot, destination);
-    }
-    if (!present) return 0;
-    if (rendered) render(destination, listener);
-    return frames_;
+bool listener_engine::renders(const control_values& listener) const {
+    // Without a filter bank a 3D listener is mixed plainly rather than not at all.
+    return renderer_ != nullptr && listener.get(QEL_CONTROL_MIXING_3D_ENABLE) != 0 &&
+           listener.get(QEL_CONTROL_STEREO_BYPASS_ENABLE) == 0;
 }
 
-void listener_engine::render(float* destination, const control_values& listener) {
-    render_view_.clear(); // capacity reserved in add_source: no allocation
-    for (source_slot& slot : slots_) {
-        // A slot that never received a block has nothing popped to show.
-        const float* left = slot.popped ? slot.popped->data.get() : nullptr;
-        const float* right = left != nullptr && slot.channels == 2 ? left + frames_ : nullptr;
-        render_view_.push_back(
-            {slot.source_id, slot.channels, &slot.direction, left, right, slot.received});
+int32_t listener_engine::mix(float* destination, const control_values& listener) {
+    const bool rendered = renders(listener);
+    dsp::zero(destination, 2 * frames_);
+    {
+        std::lock_guard lock(mutex_);
+        if (reset_requested_) {
+            reset_requested_ = false;
+            for (source_slot& slot : slots_) {
+                recycle(slot, std::move(slot.popped));
+                recycle(slot, std::move(slot.previous));
+            }
+            if (renderer_) renderer_->reset();
+        }
+        bool present = false;
+        for (source_slot& slot : slots_) {
+            slot.received = false;
+            // A source has a new block when its queue holds a full one: every
+            // queued node is full, so a non-empty queue says it.
+            if (!pop(slot)) continue;
+            slot.received = true;
+            present = true;
+            if (!rendered) mix_plainly(slot, destination);
+        }
+        if (!present) return 0;
+        if (!rendered) return frames_;
+        prepare_render();
     }
     renderer_->render(render_view_.data(), static_cast<int32_t>(render_view_.size()), listener,
                       destination);
     dsp::scale(destination, rendered_mix_gain, 2 * frames_);
+    return frames_;
 }
 
-void listener_engine::attach_renderer(std::unique_ptr<spatial_renderer> renderer) {
-    std::lock_guard lock(mutex_);
-    renderer_ = std::move(renderer);
-}
-
-bool listener_engine::has_renderer() const {
-    std::lock_guard lock(mutex_);
-    return renderer_ != nullptr;
+void listener_engine::prepare_render() {
+    const auto block_of = [](const std::unique_ptr<queue_node>& node) {
+        if (!node) return rendered_block{};
+        return rendered_block{node->data.get(), node->spectra, node->sequence, node->gain};
+    };
+    render_view_.clear(); // capacity reserved in add_source: no allocation
+    for (source_slot& slot : slots_) {
+        render_view_.push_back({slot.channels, &slot.direction, block_of(slot.popped),
+                                block_of(slot.previous), slot.received, slot.render_state.get()});
+    }
 }
 
 void listener_engine::store_direction(int32_t source_id, int32_t azimuth, int32_t elevation,
@@ -203,7 +227,7 @@ void listener_engine::store_direction(int32_t source_id, int32_t azimuth, int32_
             d.far_distance = distance - near_distance_limit;
         }
     }
-    d.dirty = true;
+    ++d.version;
 }
 
 std::optional<source_direction> listener_engine::direction_of(int32_t source_id) const {

@@ -3,20 +3,28 @@
 // that the sources' input calls submit and this listener's output call pops,
 // plus each source's stored direction and distance.
 //
-// Threads: every member takes the engine mutex. Submissions come from other
-// participants' input threads, mixes from the listener's output thread, slot
-// changes and flushes from control threads; the engine mutex is the last lock
-// in the lock order (docs/design.md, "Locks") and nothing is called under it
-// except the renderer.
+// Threads: the queues are guarded by the engine mutex. Submissions come from
+// other participants' input threads, mixes from the listener's output
+// thread, flushes from control threads; the engine mutex is the last lock in
+// the lock order (docs/design.md, "Locks"). A mix holds it only to pop one
+// block per source; the binaural rendering runs after it is released, so a
+// talker's submission never waits for a listener's convolution. That is
+// safe because the popped blocks, the directions and the renderer's states
+// belong to the mix: submissions and flushes touch only the queues, while
+// slots are added and removed and directions stored under the room's
+// participants lock held exclusively, which no output call overlaps.
 //
-// Memory: a slot's buffers are allocated when the slot is added. Queue nodes
-// are allocated on submission when the slot has no recycled node; popped and
-// flushed nodes are kept on the slot's free list, so a listener that keeps up
-// allocates nothing per block once its queues have reached their depth.
+// Memory: a slot's buffers (and its renderer state) are allocated when the
+// slot is added. Queue nodes are allocated on submission when the slot has
+// no recycled node; popped and flushed nodes are kept on the slot's free
+// list, so a listener that keeps up allocates nothing per block once its
+// queues have reached their depth.
 #pragma once
 
 #include "api/controls.h"
-#include "audio/output_stages.h"
+#include "audio/binaural_renderer.h"
+#include "audio/source_spectra.h"
+#include "audio/spatial_filter_bank.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +41,10 @@ struct source_direction {
     int32_t elevation = 0;
     int32_t near_distance = 0; // min(distance, 300)
     int32_t far_distance = 0;  // distance beyond 300
-    bool dirty = false;        // set on every write, cleared by the renderer
+    // Counts the writes: the renderer rebuilds a source's filters when it
+    // differs from the one they were built for (the "moved" signal, kept as a
+    // count so that readers of the direction never write to it).
+    uint64_t version = 0;
 };
 
 inline constexpr int32_t near_distance_limit = 300;
@@ -45,8 +56,11 @@ inline constexpr float rendered_mix_gain = 1.07f;
 class listener_engine {
 public:
     // frames: N, the processing frame length at 48000 Hz. Capacity for
-    // `expected_sources` slots is reserved up front.
-    listener_engine(int32_t frames, size_t expected_sources);
+    // `expected_sources` slots is reserved up front. With a filter bank
+    // (which must outlive the engine) a listener with 3D on is rendered
+    // binaurally; without one it is mixed plainly.
+    listener_engine(int32_t frames, size_t expected_sources,
+                    const spatial_filter_bank* bank = nullptr);
     ~listener_engine();
     listener_engine(const listener_engine&) = delete;
     listener_engine& operator=(const listener_engine&) = delete;
@@ -60,26 +74,28 @@ public:
     // lock, so no mix can observe the difference.
     void remove_source(int32_t source_id);
     // qel_flush_data: discards the blocks queued from one source /
-    // from every source, and the renderer's carried state on a full flush.
-    // flush_source returns whether the slot exists.
+    // from every source, and on a full flush the renderer's carried state
+    // (at the start of the next mix, which owns it). flush_source returns
+    // whether the slot exists.
     bool flush_source(int32_t source_id);
     void flush();
 
     // Queues source channels x N samples of `block`
-    // (planar, channel stride N), scaled by gain unless it is exactly 1.0.
+    // (planar, channel stride N), scaled by gain unless it is exactly 1.0,
+    // with the source's spectrum record of it (a reference is taken; null
+    // when the source analysed none) and its sequence number.
     // Returns false and does nothing when no slot holds that source.
-    bool submit(int32_t source_id, const float* block, float gain);
+    bool submit(int32_t source_id, const float* block, float gain,
+                spectrum_record* spectra = nullptr, uint64_t sequence = 0);
 
     // Mixes into `destination` (planar stereo, 2 x N). Pops one block
     // per source that has one; returns N when at least one source
     // contributed, else 0 (the destination is then zeros).
     int32_t mix(float* destination, const control_values& listener);
 
-    // The spatial renderer used when 3D mixing is on; none is attached until
-    // the filter bank exists (docs/status.md), and without one the engine
-    // mixes plainly.
-    void attach_renderer(std::unique_ptr<spatial_renderer> renderer);
-    bool has_renderer() const;
+    bool has_renderer() const { return renderer_ != nullptr; }
+    // Whether this listener's next mix renders binaurally with these controls.
+    bool renders(const control_values& listener) const;
 
     // Stores a source's direction: azimuth and elevation as given; a
     // distance below 300 is near, beyond it near 300 plus far; a negative
@@ -95,7 +111,10 @@ public:
 private:
     struct queue_node {
         std::unique_ptr<queue_node> next;
-        std::unique_ptr<float[]> data; // source channels x N, planar
+        std::unique_ptr<float[]> data;      // source channels x N, planar
+        spectrum_record* spectra = nullptr; // one reference held while queued or popped
+        uint64_t sequence = 0;
+        float gain = 1.0f;
     };
 
     struct source_slot {
@@ -107,27 +126,34 @@ private:
         queue_node* tail = nullptr;
         int32_t queued = 0;
         std::unique_ptr<queue_node> free_nodes;
-        // The block popped by the last mix, which the renderer reads as its
-        // left and right: the node itself is held here until the next mix
-        // recycles it, so a pop copies nothing.
+        // The block popped by the last mix and the one before it, which the
+        // renderer reads as its current block and its frame A: the nodes
+        // themselves are held here until later mixes recycle them, so a pop
+        // copies nothing.
         std::unique_ptr<queue_node> popped;
+        std::unique_ptr<queue_node> previous;
+        std::unique_ptr<binaural_source_state> render_state; // with a renderer only
     };
 
     source_slot* find(int32_t source_id);
     const source_slot* find(int32_t source_id) const;
-    void discard_queue(source_slot& slot);
+    static void recycle(source_slot& slot, std::unique_ptr<queue_node> node);
+    static void discard_queue(source_slot& slot);
+    void release_all(source_slot& slot);
     std::unique_ptr<queue_node> take_node(source_slot& slot);
-    // Recycles the previous popped node and pops the head block into
+    // Recycles the oldest held node and pops the head block into
     // slot.popped; false when none is queued.
     bool pop(source_slot& slot);
     void mix_plainly(const source_slot& slot, float* destination) const;
-    void render(float* destination, const control_values& listener);
+    // Fills render_view_ (under the engine mutex) for render_view().
+    void prepare_render();
 
     int32_t frames_;
     mutable std::mutex mutex_; // the engine mutex
     std::vector<source_slot> slots_;
-    std::unique_ptr<spatial_renderer> renderer_;
-    std::vector<rendered_source> render_view_; // one per slot, refilled per mix
+    std::unique_ptr<binaural_renderer> renderer_;
+    std::vector<binaural_source> render_view_; // one per slot, refilled per mix
+    bool reset_requested_ = false;             // a full flush awaits the next mix
 };
 
 } // namespace quelora

@@ -57,7 +57,7 @@ private:
     const float* elevation_ = nullptr;
     const float* scale_ = nullptr;     // 2 x count: per direction, left then right
     const int16_t* samples_ = nullptr; // count x 2 x taps
-    std::vector<double> unit_vectors_; // count x (ahead, right, up), for nearest()
+    std::vector<double> unit_vectors_; // all ahead, then all right, then all up, for nearest()
 };
 
 // The generator's blob as compiled in (measured_hrtf_data.cpp): what

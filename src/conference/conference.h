@@ -4,6 +4,7 @@
 // it into a code.
 #pragma once
 
+#include "audio/filter_banks.h"
 #include "conference/event_notifier.h"
 #include "conference/room.h"
 #include "conference/writer_preferring_mutex.h"
@@ -23,8 +24,11 @@ inline constexpr size_t reserved_rooms = 200;
 
 class conference final : public notification_reader {
 public:
-    // layouts and audio_configuration must outlive the conference.
-    conference(const room_layout_set& layouts, const qel_library_configuration& audio_configuration);
+    // layouts, audio_configuration and banks must outlive the conference. The
+    // banks are read when a room is created, so the library may fill them in
+    // after constructing the conference, before any room exists.
+    conference(const room_layout_set& layouts, const qel_library_configuration& audio_configuration,
+               const filter_banks& banks);
     ~conference() override;
     conference(const conference&) = delete;
     conference& operator=(const conference&) = delete;
@@ -86,6 +90,7 @@ private:
 
     const room_layout_set& layouts_;
     const qel_library_configuration& audio_configuration_;
+    const filter_banks& banks_;
     // Writer-preferring, so that room creation, destruction and layout
     // changes are not starved by back-to-back audio calls.
     mutable writer_preferring_mutex library_lock_;

@@ -11,8 +11,9 @@
 namespace quelora {
 
 conference::conference(const room_layout_set& layouts,
-                       const qel_library_configuration& audio_configuration)
-    : layouts_(layouts), audio_configuration_(audio_configuration) {
+                       const qel_library_configuration& audio_configuration,
+                       const filter_banks& banks)
+    : layouts_(layouts), audio_configuration_(audio_configuration), banks_(banks) {
     rooms_.reserve(reserved_rooms);
 }
 
@@ -38,7 +39,8 @@ void conference::create_room(int32_t room_id) {
                                 room_id);
     }
     rooms_.emplace(room_id,
-                   std::make_unique<room>(room_id, layouts_.default_layout(), audio_configuration_));
+                   std::make_unique<room>(room_id, layouts_.default_layout(), audio_configuration_,
+                                          banks_));
     events_.notify([&](event_sink& sink) { sink.create_room(room_id); });
     qel_logger::get_logger().log(QEL_LOG_INFO, "A new room with id %i was created", room_id);
 }

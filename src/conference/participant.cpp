@@ -1,6 +1,8 @@
 #include "conference/participant.h"
 
 #include "api/quelora_exception.h"
+#include "audio/crosstalk_processor.h"
+#include "audio/spatial_filter_bank.h"
 #include "conference/participant_stages.h"
 
 namespace quelora {
@@ -33,7 +35,7 @@ bool is_integer_ratio(int32_t input_rate, const qel_library_configuration& audio
 participant::participant(int32_t id, std::string name,
                          const qel_participant_configuration& configuration,
                          const qel_library_configuration& audio_configuration,
-                         size_t expected_room_size)
+                         const filter_banks& banks, size_t expected_room_size)
     : id_(id), configuration_(configuration), audio_configuration_(audio_configuration),
       identity_(std::move(name)) {
     if (configuration.input_number_channels != 1 && configuration.input_number_channels != 2) {
@@ -67,16 +69,25 @@ participant::participant(int32_t id, std::string name,
     processing_frames_ = frames_at_processing_rate(audio_configuration.output_sampling_rate,
                                                    audio_configuration.output_number_frames);
     if (!is_source_only()) {
-        listener_ = std::make_unique<listener_engine>(processing_frames_, expected_room_size);
+        listener_ = std::make_unique<listener_engine>(processing_frames_, expected_room_size,
+                                                      banks.spatial);
         output_ = std::make_unique<output_chain>(
             processing_frames_, audio_configuration.output_sampling_rate,
             audio_configuration.output_number_frames, audio_configuration.output_number_channels,
             audio_configuration.interleaved);
+        if (banks.crosstalk != nullptr) {
+            output_->attach_speaker_processor(
+                std::make_unique<crosstalk_processor>(*banks.crosstalk, processing_frames_));
+        }
     }
     if (!is_listener_only()) {
         input_ = std::make_unique<input_chain>(
             input_rate, channels(), required_input_frames_, processing_frames_,
             audio_configuration.interleaved, make_input_stages(channels(), processing_frames_));
+        if (banks.spatial != nullptr) {
+            spectra_ = std::make_unique<source_spectra>(processing_frames_,
+                                                        2 * (banks.spatial->bins() - 1));
+        }
     }
 }
 

@@ -3,7 +3,9 @@
 
 #include "audio/input_chain.h"
 #include "audio/listener_engine.h"
+#include "audio/filter_banks.h"
 #include "audio/output_chain.h"
+#include "audio/source_spectra.h"
 #include "conference/participant_identity.h"
 #include "config/library_configuration.h"
 
@@ -25,7 +27,7 @@ public:
     // ratio, rate limit) and builds the sides its type needs; throws
     // quelora_exception on the first failure.
     participant(int32_t id, std::string name, const qel_participant_configuration& configuration,
-                const qel_library_configuration& audio_configuration,
+                const qel_library_configuration& audio_configuration, const filter_banks& banks,
                 size_t expected_room_size);
 
     int32_t id() const { return id_; }
@@ -54,6 +56,9 @@ public:
     // input_mutex().
     input_chain* input() { return input_.get(); }
     std::mutex& input_mutex() { return input_mutex_; }
+    // The spectra of this talker's blocks for binaural listeners; null
+    // without a spatial filter bank or an input side. Use under input_mutex().
+    source_spectra* spectra() { return spectra_.get(); }
     // Output side; null for source-only participants. Use under
     // output_mutex().
     output_chain* output() { return output_.get(); }
@@ -70,6 +75,7 @@ private:
     // Plain, not recursive, mutexes: nothing here locks one twice.
     std::mutex input_mutex_;
     std::unique_ptr<input_chain> input_;
+    std::unique_ptr<source_spectra> spectra_;
     std::mutex output_mutex_;
     std::unique_ptr<output_chain> output_;
 };

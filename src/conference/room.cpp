@@ -10,8 +10,8 @@
 namespace quelora {
 
 room::room(int32_t id, const quelora_room_layout* layout,
-           const qel_library_configuration& audio_configuration)
-    : id_(id), audio_configuration_(audio_configuration), layout_(layout) {
+           const qel_library_configuration& audio_configuration, filter_banks banks)
+    : id_(id), audio_configuration_(audio_configuration), banks_(banks), layout_(layout) {
     participants_.reserve(room_reserved_participants);
 }
 
@@ -45,7 +45,8 @@ void room::add_participant(int32_t participant_id, const std::string& name,
         }
     }
     auto added = std::make_unique<participant>(participant_id, name, configuration,
-                                               audio_configuration_, room_reserved_participants);
+                                               audio_configuration_, banks_,
+                                               room_reserved_participants);
 
     std::shared_lock layout_guard(layout_lock_);
     const quelora_room_layout& layout = effective_layout();
@@ -78,10 +79,14 @@ void room::remove_participant(int32_t participant_id) {
     if (it == participants_.end()) {
         find(participant_id); // throws the lookup's exception
     }
-    participants_.erase(it); // later participants move up one place
+    // Every listener drops the leaver's slot first: its queued blocks refer
+    // to the leaver's spectrum records, which die with it.
     for (auto& p : participants_) {
-        if (p->listener() != nullptr) p->listener()->remove_source(participant_id);
+        if (p.get() != it->get() && p->listener() != nullptr) {
+            p->listener()->remove_source(participant_id);
+        }
     }
+    participants_.erase(it); // later participants move up one place
 }
 
 void room::tear_down() {
@@ -89,10 +94,13 @@ void room::tear_down() {
         std::unique_lock participants(participants_lock_);
         if (participants_.empty()) return;
         const int32_t leaving = participants_.front()->id();
-        participants_.erase(participants_.begin());
+        // Slots first, as in remove_participant.
         for (auto& p : participants_) {
-            if (p->listener() != nullptr) p->listener()->remove_source(leaving);
+            if (p != participants_.front() && p->listener() != nullptr) {
+                p->listener()->remove_source(leaving);
+            }
         }
+        participants_.erase(participants_.begin());
     }
 }
 

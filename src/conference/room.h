@@ -3,6 +3,7 @@
 // that order, after the library lock).
 #pragma once
 
+#include "audio/filter_banks.h"
 #include "conference/event_sink.h"
 #include "conference/participant.h"
 #include "conference/writer_preferring_mutex.h"
@@ -24,7 +25,7 @@ class room {
 public:
     // layout may be null (a document whose "default" names no layout).
     room(int32_t id, const quelora_room_layout* layout,
-         const qel_library_configuration& audio_configuration);
+         const qel_library_configuration& audio_configuration, filter_banks banks = {});
     ~room();
     room(const room&) = delete;
     room& operator=(const room&) = delete;
@@ -95,6 +96,7 @@ private:
 
     int32_t id_;
     const qel_library_configuration& audio_configuration_;
+    filter_banks banks_;
     mutable writer_preferring_mutex participants_lock_; // writers are not starved by audio calls
     mutable std::shared_mutex layout_lock_;
     std::vector<std::unique_ptr<participant>> participants_;

@@ -40,13 +40,35 @@ void room::input_audio(int32_t participant_id, const void* samples, int32_t fram
     std::lock_guard input(source.input_mutex());
     input_chain& chain = *source.input();
     chain.process(samples, type, controls);
+    const float* block = chain.work_buffer();
     const pair_rooms source_rooms = rooms_of(controls);
+    const auto gain_for = [&](participant& listener) {
+        if (&listener == &source || listener.listener() == nullptr) return 0.0f;
+        return pair_gain(source_rooms, rooms_of(listener.identity().controls()),
+                         listener.is_source_only());
+    };
+
+    // The spectra every binaural listener of this block needs, once for all
+    // of them; skipped (and so free) while nobody renders this talker.
+    spectrum_record* spectra = nullptr;
+    if (source_spectra* analysis = source.spectra()) {
+        bool rendered = false;
+        for (auto& p : participants_) {
+            if (gain_for(*p) > 0.0f && p->listener()->renders(p->identity().controls())) {
+                rendered = true;
+                break;
+            }
+        }
+        if (rendered) {
+            spectra = analysis->analyse(block);
+        } else {
+            analysis->skip(block);
+        }
+    }
+    const uint64_t sequence = source.spectra() != nullptr ? source.spectra()->sequence() : 0;
     for (auto& p : participants_) {
-        participant& listener = *p;
-        if (&listener == &source || listener.listener() == nullptr) continue;
-        const float gain = pair_gain(source_rooms, rooms_of(listener.identity().controls()),
-                                     listener.is_source_only());
-        if (gain > 0.0f) listener.listener()->submit(participant_id, chain.work_buffer(), gain);
+        const float gain = gain_for(*p);
+        if (gain > 0.0f) p->listener()->submit(participant_id, block, gain, spectra, sequence);
     }
 }
 
