@@ -1,14 +1,11 @@
 #include "library_session.h"
 
 #include <cmath>
+#include <utility>
 
 namespace quelora::conference {
 
 namespace {
-
-// Spatial filter length 2048 taps: the middle of the range, as the
-// control-plane demo uses.
-constexpr int32_t spatial_quality = 3;
 
 // Where an open room leaves participants (all at the origin), the host places
 // them: evenly on a circle of this radius, facing its centre.
@@ -43,7 +40,7 @@ bool library_session::open(const options& opts, const std::vector<talker>& talke
     configuration_.output_number_frames = opts.rate / 1000 * opts.block_ms;
     configuration_.output_number_channels = opts.channels;
     configuration_.interleaved = opts.interleaved;
-    configuration_.spatial_quality = spatial_quality;
+    configuration_.spatial_quality = opts.spatial_quality;
     int code = QEL_ERROR_NONE;
     // --fallback goes through the entry point that falls back by design; a
     // plain null path would give the same layout silently.
@@ -98,7 +95,7 @@ bool library_session::open(const options& opts, const std::vector<talker>& talke
     }
     open_room_ = seat.seat_index < 0;
     if (open_room_ && !place_in_circle(error)) return false;
-    return apply_settings(opts.settings, error);
+    return apply_spatial_defaults(opts, error) && apply_settings(opts.settings, error);
 }
 
 bool library_session::place_in_circle(session_error& error) {
@@ -119,6 +116,23 @@ bool library_session::place_in_circle(session_error& error) {
         if (code != QEL_ERROR_NONE) {
             error.exit_status = 1;
             error.message = describe_failure("qel_set_participant_position", code);
+            return false;
+        }
+    }
+    return true;
+}
+
+// Set for everyone whatever the layout's default states say, so that every
+// layout sounds the same way unless --set says otherwise.
+bool library_session::apply_spatial_defaults(const options& opts, session_error& error) {
+    const std::pair<qel_audio_control, int> values[] = {
+        {QEL_CONTROL_MIXING_3D_ENABLE, opts.mixing_3d ? 1 : 0},
+        {QEL_CONTROL_MIXING_3D_REVERB_ENABLE, opts.reverb ? 1 : 0}};
+    for (const auto& [control, value] : values) {
+        const int code = qel_set_all_participants_state(handle_, room_id, control, value);
+        if (code != QEL_ERROR_NONE) {
+            error.exit_status = 1;
+            error.message = describe_failure("qel_set_all_participants_state", code);
             return false;
         }
     }

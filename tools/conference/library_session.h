@@ -38,8 +38,9 @@ public:
 
     // Initialises the library, creates the room, switches its layout, adds
     // one regular participant per talker (ids 1..N) and the listener-only
-    // ones after them, places everyone in an open room, applies --set and
-    // --set-for in order.
+    // ones after them, places everyone in an open room, sets 3D mixing and
+    // reverb for everyone (both on unless --no-3d, --no-reverb), then
+    // applies --set and --set-for in order.
     bool open(const options& opts, const std::vector<talker>& talkers, session_error& error);
 
     qel_handle handle() const { return handle_; }
@@ -50,6 +51,7 @@ public:
 
 private:
     bool place_in_circle(session_error& error);
+    bool apply_spatial_defaults(const options& opts, session_error& error);
     bool apply_settings(const std::vector<control_setting>& settings, session_error& error);
 
     qel_handle handle_ = nullptr;

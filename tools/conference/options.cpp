@@ -101,11 +101,21 @@ std::string usage() {
            "  --format short|float|double   sample type of the audio calls (default float)\n"
            "  --input-rate HZ       participants' input rate; talker audio is converted to it\n"
            "                        (default 48000)\n"
-           "Controls:\n"
+           "Spatial mixing (on by default: every listener hears the talkers binaurally, each from\n"
+           "its own place, in a modelled meeting room):\n"
+           "  --no-3d               a plain stereo mix for everyone\n"
+           "                        (QEL_CONTROL_MIXING_3D_ENABLE=0)\n"
+           "  --no-reverb           3D with the direct sound only, no modelled room\n"
+           "                        (QEL_CONTROL_MIXING_3D_REVERB_ENABLE=0)\n"
+           "  --quality 1..5        spatial filters of 512, 1024, 2048, 4096 or 8192 taps\n"
+           "                        (default 3)\n"
+           "Controls (applied after the spatial settings above, so they can override them):\n"
            "  --set CONTROL=VALUE   for every participant, e.g. --set QEL_CONTROL_ANC_ENABLE=1\n"
            "  --set-for ID:CONTROL=VALUE   for participant ID (talkers are 1..N, listeners follow)\n"
            "Output:\n"
-           "  --out DIR             output folder (default out)\n"
+           "  --out DIR             output folder (default out): the listener WAVs, the talkers'\n"
+           "                        speech, room.svg (seats, places, directions heard) and\n"
+           "                        ear_cues.svg (the first listener's ear cues over time)\n"
            "  --quiet-log           library log at warning level (default: information)\n"
            "  -h, --help            this text\n";
 }
@@ -201,6 +211,14 @@ parse_result parse_options(int argc, char** argv, options& out, std::string& mes
                 message = "--format must be short, float or double";
                 return parse_result::error;
             }
+        } else if (arg == "--no-3d") {
+            if (!no_value()) return parse_result::error;
+            out.mixing_3d = false;
+        } else if (arg == "--no-reverb") {
+            if (!no_value()) return parse_result::error;
+            out.reverb = false;
+        } else if (arg == "--quality") {
+            if (!take_int(1, 5, out.spatial_quality)) return parse_result::error;
         } else if (arg == "--set" || arg == "--set-for") {
             std::string text;
             if (!take(text)) return parse_result::error;

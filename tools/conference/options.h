@@ -35,6 +35,9 @@ struct options {
     bool interleaved = true;
     sample_format format = sample_format::float32;
     int input_rate = 48000;
+    int spatial_quality = 3; // 2048-tap spatial filters: the middle of the range
+    bool mixing_3d = true;   // QEL_CONTROL_MIXING_3D_ENABLE for everyone, before --set
+    bool reverb = true;      // QEL_CONTROL_MIXING_3D_REVERB_ENABLE for everyone, before --set
     std::vector<control_setting> settings; // in command-line order
     std::string out_dir = "out";
     bool quiet_log = false;

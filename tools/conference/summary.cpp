@@ -2,8 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 
 namespace quelora::conference {
@@ -106,25 +108,92 @@ void print_controls(const library_session& session) {
     }
 }
 
-void print_directions(const library_session& session) {
-    // Kept in step with docs/status.md: the renderer needs the filter bank.
-    std::printf("\nWhere each listener hears each talker (computed by the library; this build has"
-                "\nno spatial renderer yet, so the mix is plain stereo: docs/status.md):\n");
-    std::printf("  %-10s %-10s %8s %9s %9s\n", "listener", "talker", "azimuth", "elevation", "distance");
-    for (const auto& listener : session.participants()) {
-        for (const auto& source : session.participants()) {
-            if (source.id == listener.id || source.talker_index < 0) continue;
-            int32_t azimuth = 0, elevation = 0, distance = 0;
-            const int code = qel_get_participant_spherical(session.handle(), library_session::room_id, listener.id,
-                                                           source.id, &azimuth, &elevation, &distance);
-            if (code != QEL_ERROR_NONE) {
-                std::printf("  %-10s %-10s %s\n", listener.name.c_str(), source.name.c_str(),
-                            qel_error_code_to_string(code));
+// The library's filter bank as this build made it: the SOFA file comes from
+// CMake (QUELORA_HRTF_SOFA), the rest is fixed by the library.
+void print_spatial(const library_session& session) {
+    // The grid: 24 azimuths x 7 elevations x 4 distances.
+    constexpr int grid_points = 672;
+    const auto& c = session.configuration();
+    // Taps as the library derives them from the quality, raised to a power
+    // of two that holds one processing block (48000 Hz) when that is longer.
+    const int block = c.output_number_frames * (48000 / c.output_sampling_rate);
+    int block_power = 1;
+    while (block_power < block) block_power *= 2;
+    const int taps = std::max(512 << (c.spatial_quality - 1), block_power);
+    const std::string sofa = std::filesystem::path(QUELORA_HRTF_SOFA_FILE).filename().string();
+    std::printf("Spatial filters: head-related responses from %s, %d grid points x 2 ears, %d taps "
+                "(quality %d), with a modelled meeting room; crosstalk stage for loudspeaker "
+                "listeners\n",
+                sofa.c_str(), grid_points, taps, c.spatial_quality);
+
+    const auto who = [&session](qel_audio_control control) {
+        std::string names;
+        size_t count = 0;
+        for (const auto& p : session.participants()) {
+            int value = 0;
+            qel_get_participant_state(session.handle(), library_session::room_id, p.id, control,
+                                      &value);
+            if (value == 0) continue;
+            names += (names.empty() ? "" : ", ") + p.name;
+            ++count;
+        }
+        if (count == 0) return std::string("off for everyone");
+        return count == session.participants().size() ? std::string("on for everyone")
+                                                      : "on for " + names;
+    };
+    std::printf("3D mixing (binaural): %s; reverberation (the modelled room): %s\n",
+                who(QEL_CONTROL_MIXING_3D_ENABLE).c_str(),
+                who(QEL_CONTROL_MIXING_3D_REVERB_ENABLE).c_str());
+}
+
+std::string cue_text(const char* pattern, bool valid, double value) {
+    if (!valid) return "-";
+    char text[32];
+    std::snprintf(text, sizeof text, pattern, value);
+    return text;
+}
+
+void print_listening(const std::vector<talker>& talkers,
+                     const std::vector<listener_check>& checks) {
+    std::printf("\nWhere each listener hears each talker: the direction the library computes\n"
+                "(qel_get_participant_spherical; azimuth clockwise from the listener's heading,\n"
+                "+90 = right) and the cues measured in the listener's file over the talker's own\n"
+                "turn: ILD right minus left over 2 to 8 kHz, ITD the cross-correlation peak\n"
+                "(positive: the right ear leads) beside the ITD of a rigid sphere of 8.75 cm\n"
+                "radius for that azimuth, and the IACC (the normalised peak: 1 without a room;\n"
+                "below %.2f the room outweighs the direct sound, and only the ILD is judged):\n",
+                least_iacc_for_timing);
+    std::printf("  %-10s %-10s %7s %9s %8s %7s %7s %9s %5s  %s\n", "listener", "talker",
+                "azimuth", "elevation", "distance", "ILD dB", "ITD ms", "sphere ms", "IACC",
+                "cues agree");
+    bool any_turn = false;
+    bool any_stereo = false;
+    for (const auto& listener : checks) {
+        any_stereo = any_stereo || listener.measured;
+        for (const auto& heard : listener.heard) {
+            any_turn = any_turn || !heard.turn.empty();
+            const std::string& name = talkers[heard.talker_index].name;
+            if (!heard.direction_known) {
+                std::printf("  %-10s %-10s %s\n", listener.name.c_str(), name.c_str(),
+                            "no direction (qel_get_participant_spherical failed)");
                 continue;
             }
-            std::printf("  %-10s %-10s %8d %9d %9d\n", listener.name.c_str(), source.name.c_str(), azimuth,
-                        elevation, distance);
+            std::printf("  %-10s %-10s %7d %9d %8d %7s %7s %9.2f %5s  %s\n",
+                        listener.name.c_str(), name.c_str(), heard.azimuth, heard.elevation,
+                        heard.distance,
+                        cue_text("%+.1f", heard.cues.valid, heard.cues.ild_db).c_str(),
+                        cue_text("%+.2f", heard.cues.valid, heard.cues.itd_ms).c_str(),
+                        spherical_head_itd_ms(heard.azimuth),
+                        cue_text("%.2f", heard.cues.valid, heard.cues.iacc).c_str(),
+                        cue_agreement(listener, heard).c_str());
         }
+    }
+    if (!any_stereo && !checks.empty()) {
+        std::printf("  (one output channel: no ear cues to measure)\n");
+    } else if (!any_turn) {
+        std::printf("  (no talker has a turn of its own of %.0f s or more to measure; talker\n"
+                    "   files play together unless --sequential chains them)\n",
+                    shortest_measured_turn_seconds);
     }
 }
 
@@ -142,7 +211,8 @@ void print_call_stage(const char* name, double seconds, double max_block_seconds
 
 void print_summary(const options& opts, const library_session& session,
                    const std::vector<talker>& talkers, const loop_result& loop,
-                   const run_timings& timings) {
+                   const std::vector<listener_check>& checks,
+                   const std::vector<picture>& pictures, const run_timings& timings) {
     const auto& c = session.configuration();
     std::printf("\n== Quelora %s conference simulator ==\n", qel_get_version());
     std::printf("Room layouts: %s\n", opts.fallback ? "the built-in fallback" : opts.layouts_file.c_str());
@@ -156,10 +226,11 @@ void print_summary(const options& opts, const library_session& session,
                 c.output_number_channels == 1 ? "" : "s", layout, format_name(opts.format));
     std::printf("Input: %d Hz, %d frames per call (the host converts talker audio to this rate)\n",
                 opts.input_rate, loop.input_frames);
+    print_spatial(session);
 
     print_participants(opts, session, talkers);
     print_controls(session);
-    print_directions(session);
+    print_listening(talkers, checks);
 
     const double factor = loop.audio_seconds > 0.0 ? loop.loop_wall_seconds / loop.audio_seconds : 0.0;
     std::printf("\nRun: %lld blocks, %.2f s of audio, %.3f s wall for the block loop, real-time factor "
@@ -175,6 +246,7 @@ void print_summary(const options& opts, const library_session& session,
     print_call_stage("input calls", loop.input_seconds, loop.max_input_block_seconds, loop.blocks);
     print_call_stage("output calls", loop.output_seconds, loop.max_output_block_seconds, loop.blocks);
     print_stage("WAV writing", loop.wav_seconds);
+    print_stage("ear cues and pictures", timings.check_seconds);
     print_stage("total (program)", timings.total_seconds);
 
     std::printf("\nListener files (%d Hz, %d channel%s):\n", c.output_sampling_rate, c.output_number_channels,
@@ -186,6 +258,11 @@ void print_summary(const options& opts, const library_session& session,
     }
     if (opts.talker_files.empty()) {
         std::printf("Talker files: %s/talkers/\n", opts.out_dir.c_str());
+    }
+    std::printf("\nPictures:\n");
+    for (const auto& p : pictures) {
+        std::printf("  %s\n      %s\n", p.path.empty() ? "(not written)" : p.path.c_str(),
+                    p.what.c_str());
     }
 }
 

@@ -95,6 +95,40 @@ std::string talker_name(size_t index) {
     return names[index % 16];
 }
 
+time_span clip_span(const std::vector<talker>& talkers, size_t index, int input_rate) {
+    const talker& t = talkers[index];
+    return {static_cast<double>(t.start_frame) / input_rate,
+            static_cast<double>(t.start_frame + t.audio.frames()) / input_rate};
+}
+
+time_span solo_span(const std::vector<talker>& talkers, size_t index, int input_rate) {
+    // Cut the clip at every other clip's ends, then keep the longest piece
+    // that no other clip covers.
+    const time_span own = clip_span(talkers, index, input_rate);
+    std::vector<double> cuts = {own.from, own.to};
+    for (size_t j = 0; j < talkers.size(); ++j) {
+        if (j == index) continue;
+        const time_span other = clip_span(talkers, j, input_rate);
+        for (double at : {other.from, other.to}) {
+            if (at > own.from && at < own.to) cuts.push_back(at);
+        }
+    }
+    std::sort(cuts.begin(), cuts.end());
+    time_span best;
+    for (size_t k = 0; k + 1 < cuts.size(); ++k) {
+        const time_span piece{cuts[k], cuts[k + 1]};
+        const double middle = 0.5 * (piece.from + piece.to);
+        bool covered = false;
+        for (size_t j = 0; j < talkers.size() && !covered; ++j) {
+            if (j == index) continue;
+            const time_span other = clip_span(talkers, j, input_rate);
+            covered = middle > other.from && middle < other.to;
+        }
+        if (!covered && piece.to - piece.from > best.to - best.from) best = piece;
+    }
+    return best;
+}
+
 bool prepare_talkers(const options& opts, std::vector<talker>& out, talker_timings& timings,
                      std::string& message) {
     out.clear();

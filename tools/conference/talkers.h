@@ -31,6 +31,20 @@ struct talker_timings {
 bool prepare_talkers(const options& opts, std::vector<talker>& out, talker_timings& timings,
                      std::string& message);
 
+// A stretch of the conference, in seconds from its start.
+struct time_span {
+    double from = 0.0;
+    double to = 0.0;
+    bool empty() const { return to <= from; }
+};
+
+// When talker `index`'s clip plays, silence at its ends included.
+time_span clip_span(const std::vector<talker>& talkers, size_t index, int input_rate);
+
+// The longest stretch of that clip during which no other talker's clip plays
+// (empty when the talker always talks over someone).
+time_span solo_span(const std::vector<talker>& talkers, size_t index, int input_rate);
+
 // Participant names in join order: the first 16 talkers, then listeners.
 std::string talker_name(size_t index);
 
