@@ -25,6 +25,10 @@ template <typename T> std::unique_ptr<T[]> zeros(int32_t count) {
     return std::make_unique<T[]>(static_cast<size_t>(count));
 }
 
+dsp::aligned_array<std::complex<float>> spectra(int32_t count) {
+    return dsp::make_aligned_zeros<std::complex<float>>(static_cast<size_t>(count));
+}
+
 void zero_spectrum(std::complex<float>* spectrum, int32_t count) {
     std::memset(static_cast<void*>(spectrum), 0,
                 sizeof(std::complex<float>) * static_cast<size_t>(count));
@@ -46,18 +50,19 @@ float binaural_synthesis_window(int32_t n, int32_t frames) {
 
 binaural_renderer::binaural_renderer(const spatial_filter_bank& bank, int32_t frames)
     : bank_(bank), frames_(frames), hop_(frames / 2), partitions_(bank.partitions()),
-      bins_(bank.bins()), fft_(2 * (bank.bins() - 1)), mac_(dsp::selected_spectral_pair_mac()) {
+      bins_(bank.bins()), stride_((bank.bins() + 7) / 8 * 8), fft_(2 * (bank.bins() - 1)),
+      mac_(dsp::selected_spectral_pair_mac()) {
     const int32_t transform = fft_.size();
     if (frames <= 0 || frames % 2 != 0 || 2 * frames > transform || bank.block() < frames) {
         throw std::invalid_argument("binaural_renderer: the block does not fit the filter bank");
     }
-    for (auto& ring : rings_) ring = zeros<std::complex<float>>(partitions_ * bins_);
+    for (auto& ring : rings_) ring = spectra(partitions_ * stride_);
     for (auto& time : time_) time = zeros<float>(transform);
     overlap_ = zeros<float>(2 * hop_);
     frame_ = zeros<float>(transform);
-    scratch_a_ = zeros<std::complex<float>>(bins_);
-    scratch_b_ = zeros<std::complex<float>>(bins_);
-    silence_ = zeros<std::complex<float>>(bins_);
+    scratch_a_ = spectra(bins_);
+    scratch_b_ = spectra(bins_);
+    silence_ = spectra(bins_);
     // The window carries the 1 / transform size the unnormalised inverse leaves.
     window_ = zeros<float>(frames);
     for (int32_t n = 0; n < frames; ++n) {
@@ -67,13 +72,13 @@ binaural_renderer::binaural_renderer(const spatial_filter_bank& bank, int32_t fr
 
 std::unique_ptr<binaural_source_state> binaural_renderer::make_source_state() const {
     auto state = std::make_unique<binaural_source_state>();
-    state->left = zeros<std::complex<float>>(partitions_ * bins_);
-    state->right = zeros<std::complex<float>>(partitions_ * bins_);
+    state->left = spectra(partitions_ * stride_);
+    state->right = spectra(partitions_ * stride_);
     return state;
 }
 
 void binaural_renderer::reset() {
-    for (auto& ring : rings_) zero_spectrum(ring.get(), partitions_ * bins_);
+    for (auto& ring : rings_) zero_spectrum(ring.get(), partitions_ * stride_);
     dsp::zero(overlap_.get(), 2 * hop_);
     ring_position_ = 0;
 }
@@ -97,17 +102,22 @@ void binaural_renderer::update_filters(binaural_source& source, bool reverb,
     for (const grid_corner& corner : state.corners) {
         if (corner_is_used(corner)) used = std::max(used, bank_.used_partitions(corner.index));
     }
-    const int32_t stale = std::max(used, state.used_partitions) * bins_;
+    const int32_t stale = std::max(used, state.used_partitions) * stride_;
     zero_spectrum(state.left.get(), stale);
     zero_spectrum(state.right.get(), stale);
     state.used_partitions = used;
+    const auto add = [&](const std::complex<float>* from, float weight, std::complex<float>* to) {
+        dsp::multiply_add(reinterpret_cast<const float*>(from), weight,
+                          reinterpret_cast<float*>(to), 2 * bins_);
+    };
     for (const grid_corner& corner : state.corners) {
         if (!corner_is_used(corner)) continue;
-        const int32_t count = bank_.used_partitions(corner.index) * bins_;
-        dsp::multiply_add(reinterpret_cast<const float*>(bank_.left(corner.index)), corner.weight,
-                          reinterpret_cast<float*>(state.left.get()), 2 * count);
-        dsp::multiply_add(reinterpret_cast<const float*>(bank_.right(corner.index)), corner.weight,
-                          reinterpret_cast<float*>(state.right.get()), 2 * count);
+        for (int32_t p = 0; p < bank_.used_partitions(corner.index); ++p) {
+            add(bank_.left(corner.index) + p * bins_, corner.weight,
+                state.left.get() + p * stride_);
+            add(bank_.right(corner.index) + p * bins_, corner.weight,
+                state.right.get() + p * stride_);
+        }
     }
 }
 
@@ -166,9 +176,9 @@ void binaural_renderer::accumulate(const binaural_source& source, int32_t max_di
     state.previous_local = local;
 
     for (int32_t p = 0; p < state.used_partitions; ++p) {
-        const int32_t offset = ((ring_position_ + p) % partitions_) * bins_;
-        in.left = state.left.get() + p * bins_;
-        in.right = state.right.get() + p * bins_;
+        const int32_t offset = ((ring_position_ + p) % partitions_) * stride_;
+        in.left = state.left.get() + p * stride_;
+        in.right = state.right.get() + p * stride_;
         const dsp::spectral_pair_outputs out{rings_[0].get() + offset, rings_[1].get() + offset,
                                              rings_[2].get() + offset, rings_[3].get() + offset};
         mac_(in, out, bins_);
@@ -176,7 +186,7 @@ void binaural_renderer::accumulate(const binaural_source& source, int32_t max_di
 }
 
 void binaural_renderer::synthesise(float* mix) {
-    const int32_t offset = ring_position_ * bins_;
+    const int32_t offset = ring_position_ * stride_;
     for (int32_t r = 0; r < 4; ++r) {
         fft_.inverse(rings_[r].get() + offset, time_[r].get());
         zero_spectrum(rings_[r].get() + offset, bins_);

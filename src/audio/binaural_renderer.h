@@ -25,6 +25,7 @@
 #include "audio/grid_interpolation.h"
 #include "audio/source_spectra.h"
 #include "audio/spatial_filter_bank.h"
+#include "dsp/aligned_array.h"
 #include "dsp/real_fft.h"
 #include "dsp/spectral_mac.h"
 
@@ -50,8 +51,9 @@ float binaural_synthesis_window(int32_t n, int32_t frames);
 // The interpolated filters of one source for one listener, and what the
 // renderer carries from one of its blocks to the next.
 struct binaural_source_state {
-    std::unique_ptr<std::complex<float>[]> left;  // partitions x bins
-    std::unique_ptr<std::complex<float>[]> right; // partitions x bins
+    // partitions x the renderer's partition stride, zero past the bins.
+    dsp::aligned_array<std::complex<float>> left;
+    dsp::aligned_array<std::complex<float>> right;
     int32_t used_partitions = 0;                  // the rest is zero
     std::array<grid_corner, 8> corners{};         // of the first channel
     uint64_t applied_version = ~uint64_t{0};      // direction version the filters were built for
@@ -108,18 +110,21 @@ private:
     int32_t hop_;
     int32_t partitions_;
     int32_t bins_;
+    // Bins rounded up to whole cache lines, so that every partition of the
+    // rings and of the sources' filters starts on one (see aligned_array.h).
+    int32_t stride_;
     int32_t ring_position_ = 0; // in partitions
     dsp::real_fft fft_;
     dsp::spectral_pair_mac_function mac_;
-    // A-left, A-right, B-left, B-right, each partitions x bins.
-    std::array<std::unique_ptr<std::complex<float>[]>, 4> rings_;
+    // A-left, A-right, B-left, B-right, each partitions x stride.
+    std::array<dsp::aligned_array<std::complex<float>>, 4> rings_;
     std::array<std::unique_ptr<float[]>, 4> time_; // transform size each
     std::unique_ptr<float[]> window_;              // N, with the 1 / transform size of the inverse
     std::unique_ptr<float[]> overlap_;             // 2 x N / 2: left, then right
     std::unique_ptr<float[]> frame_;               // transform size, zero beyond N
-    std::unique_ptr<std::complex<float>[]> scratch_a_;
-    std::unique_ptr<std::complex<float>[]> scratch_b_;
-    std::unique_ptr<std::complex<float>[]> silence_; // the spectrum of a silent frame
+    dsp::aligned_array<std::complex<float>> scratch_a_;
+    dsp::aligned_array<std::complex<float>> scratch_b_;
+    dsp::aligned_array<std::complex<float>> silence_; // the spectrum of a silent frame
 };
 
 } // namespace quelora

@@ -23,23 +23,22 @@ source_spectra::source_spectra(int32_t frames, int32_t transform_size)
         throw std::invalid_argument("source_spectra: the transform must hold two blocks");
     }
     pool_.reserve(initial_records);
-    for (int32_t i = 0; i < initial_records; ++i) {
-        auto record = std::make_unique<spectrum_record>();
-        record->block = std::make_unique<std::complex<float>[]>(static_cast<size_t>(bins()));
-        record->overlap = std::make_unique<std::complex<float>[]>(static_cast<size_t>(bins()));
-        pool_.push_back(std::move(record));
-    }
+    for (int32_t i = 0; i < initial_records; ++i) add_record();
+}
+
+spectrum_record& source_spectra::add_record() {
+    auto record = std::make_unique<spectrum_record>();
+    record->block = dsp::make_aligned_zeros<std::complex<float>>(static_cast<size_t>(bins()));
+    record->overlap = dsp::make_aligned_zeros<std::complex<float>>(static_cast<size_t>(bins()));
+    pool_.push_back(std::move(record));
+    return *pool_.back();
 }
 
 spectrum_record& source_spectra::free_record() {
     for (auto& record : pool_) {
         if (record->references.load(std::memory_order_acquire) == 0) return *record;
     }
-    auto record = std::make_unique<spectrum_record>();
-    record->block = std::make_unique<std::complex<float>[]>(static_cast<size_t>(bins()));
-    record->overlap = std::make_unique<std::complex<float>[]>(static_cast<size_t>(bins()));
-    pool_.push_back(std::move(record));
-    return *pool_.back();
+    return add_record();
 }
 
 spectrum_record* source_spectra::analyse(const float* block) {

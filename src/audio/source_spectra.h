@@ -20,6 +20,7 @@
 // a leaving talker's slots from every listener before destroying it.
 #pragma once
 
+#include "dsp/aligned_array.h"
 #include "dsp/real_fft.h"
 
 #include <atomic>
@@ -33,10 +34,11 @@ namespace quelora {
 struct spectrum_record {
     std::atomic<int32_t> references{0};
     uint64_t sequence = 0;
-    // transform_size / 2 + 1 bins each, of the talker's first channel.
-    std::unique_ptr<std::complex<float>[]> block; // the block, zero-padded
-    std::unique_ptr<std::complex<float>[]>
-        overlap; // previous block's second half, this block's first
+    // transform_size / 2 + 1 bins each, of the talker's first channel:
+    // the block, zero-padded, and the previous block's second half followed
+    // by this block's first.
+    dsp::aligned_array<std::complex<float>> block;
+    dsp::aligned_array<std::complex<float>> overlap;
 
     void acquire() { references.fetch_add(1, std::memory_order_relaxed); }
     void release() { references.fetch_sub(1, std::memory_order_release); }
@@ -59,6 +61,7 @@ public:
 
 private:
     spectrum_record& free_record();
+    spectrum_record& add_record();
 
     int32_t frames_;
     dsp::real_fft fft_;
