@@ -64,6 +64,7 @@ json to_json(const measurement& m) {
                 {"output_rate", m.config.output_rate},
                 {"mixing_3d", m.config.mixing_3d},
                 {"noise_cancellation", m.config.noise_cancellation},
+                {"spatial_quality", m.config.spatial_quality},
                 {"blocks", m.blocks},
                 {"audio_calls_per_period", audio_calls(m)},
                 {"period_ms", m.period_seconds * ms},
@@ -80,6 +81,77 @@ json to_json(const measurement& m) {
                 {"failed_calls", m.failed_calls}};
 }
 
+json to_json(const p_max_result& p) {
+    return json{{"rooms", 1},
+                {"input_rate", 48000},
+                {"output_rate", 48000},
+                {"mixing_3d", p.mixing_3d},
+                {"reverb", p.mixing_3d},
+                {"spatial_quality", p.spatial_quality},
+                {"criterion", p.cpu_time ? "rtf_cpu < 1.0" : "rtf_mean < 1.0"},
+                {"found", p.found},
+                {"participants", p.participants},
+                {"rtf_mean", p.rtf_mean},
+                {"rtf_p99", p.rtf_p99},
+                {"rtf_cpu", p.rtf_cpu},
+                {"capped", p.capped},
+                {"first_over", p.first_over},
+                {"participants_p99", p.participants_p99},
+                {"participants_cpu", p.participants_cpu},
+                {"target", p.target},
+                {"target_met", p.target > 0 && p.found && p.participants >= p.target}};
+}
+
+json to_json(const bounds& b) { return json{{"low", b.low}, {"high", b.high}}; }
+
+// The per-pair sizes of every quality, the measured peak, and the rates the
+// 3D P_max runs achieved against it.
+json pair_cost_json(const report& r) {
+    json sizes = json::array();
+    for (int32_t q = 1; q <= 5; ++q) {
+        const pair_sizes s = pair_sizes_for(q);
+        sizes.push_back({{"spatial_quality", q},
+                         {"taps", s.taps},
+                         {"partitions", s.partitions},
+                         {"bins", s.bins},
+                         {"complex_macs_per_pair_block", s.complex_macs()},
+                         {"multiply_adds_per_pair_block", s.multiply_adds()},
+                         {"filter_bytes_per_pair_block", s.filter_bytes()}});
+    }
+    json reads = json::array();
+    for (const read_rate& rate : r.peak.reads) {
+        reads.push_back({{"bytes", rate.bytes}, {"bytes_per_second", rate.bytes_per_second}});
+    }
+    json achieved = json::array();
+    for (const achieved_rate& a : r.achieved) {
+        achieved.push_back({{"spatial_quality", a.sizes.quality},
+                            {"participants", a.participants},
+                            {"pairs", a.pairs},
+                            {"near_pairs", a.near_pairs},
+                            {"cpu_seconds_per_period", a.cpu_seconds},
+                            {"multiply_adds_per_second", to_json(a.multiply_adds_per_second)},
+                            {"fraction_of_multiply_add_peak", to_json(a.peak_fraction)},
+                            {"filter_bytes_per_second", to_json(a.filter_bytes_per_second)},
+                            {"working_set_bytes", a.working_set},
+                            {"reference_read_buffer_bytes", a.reference.bytes},
+                            {"fraction_of_read_rate", to_json(a.read_fraction)}});
+    }
+    return json{
+        {"method",
+         "per pair and block: 4 complex multiply-accumulates per bin and partition (4 real "
+         "multiply-adds each), 2 ears x partitions x bins x 8 bytes of filter; achieved rates "
+         "count every pair of the 3D P_max run (participants on a circle of radius 200 units), "
+         "pairs at 100 units or less at one partition (low) or all (high), over the run's CPU "
+         "time per period; peak: best of 5 runs of 12 independent 8-float FMA chains, and "
+         "streaming reads (8 accumulators) over buffers of each size"},
+        {"sizes", sizes},
+        {"core_peak",
+         {{"fma_kind", r.peak.fma_kind},
+          {"multiply_adds_per_second", r.peak.multiply_adds},
+          {"reads", reads}}},
+        {"achieved", achieved}};
+}
+
 } // namespace
 
 void print_machine() {
@@ -89,16 +161,16 @@ void print_machine() {
 }
 
 void print_header() {
-    std::printf("%-7s %4s %4s %6s %6s %3s %3s %6s %8s %8s %7s %7s %7s %7s\n", "group", "R", "P",
-                "in Hz", "out Hz", "3D", "ANC", "blocks", "mean ms", "p99 ms", "RTF", "RTF p99",
-                "RTF cpu", "us/call");
+    std::printf("%-7s %4s %4s %6s %6s %3s %3s %2s %6s %8s %8s %7s %7s %7s %7s\n", "group", "R",
+                "P", "in Hz", "out Hz", "3D", "ANC", "Q", "blocks", "mean ms", "p99 ms", "RTF",
+                "RTF p99", "RTF cpu", "us/call");
 }
 
 void print_row(const measurement& m) {
-    std::printf("%-7s %4d %4d %6d %6d %3s %3s %6d %8.3f %8.3f %7.4f %7.4f %7.4f %7.2f\n",
+    std::printf("%-7s %4d %4d %6d %6d %3s %3s %2d %6d %8.3f %8.3f %7.4f %7.4f %7.4f %7.2f\n",
                 m.config.name.c_str(), m.config.rooms, m.config.participants, m.config.input_rate,
                 m.config.output_rate, m.config.mixing_3d ? "on" : "off",
-                m.config.noise_cancellation ? "on" : "off", m.blocks,
+                m.config.noise_cancellation ? "on" : "off", m.config.spatial_quality, m.blocks,
                 m.mean_seconds * ms, m.p99_seconds * ms, m.rtf_mean(), m.rtf_p99(), m.rtf_cpu(),
                 m.mean_seconds * 1e6 / static_cast<double>(audio_calls(m)));
     std::fflush(stdout);
@@ -106,23 +178,39 @@ void print_row(const measurement& m) {
 
 void print_p_max(const p_max_result& p) {
     const char* criterion = p.cpu_time ? "CPU-time RTF" : "mean RTF";
-    if (!p.found) {
-        std::printf("\nP_max (R = 1, one thread, %s < 1.0): none, even 2 participants are not"
-                    " real time\n", criterion);
-        return;
+    char what[96];
+    if (p.mixing_3d) {
+        std::snprintf(what, sizeof what, "3D and reverb on, quality %d, ", p.spatial_quality);
+    } else {
+        what[0] = '\0';
     }
-    std::printf("\nP_max (R = 1, one thread, %s < 1.0): %d participants (RTF %.3f, p99 %.3f, "
-                "CPU %.3f)%s\n",
-                criterion, p.participants, p.rtf_mean, p.rtf_p99, p.rtf_cpu,
-                p.capped ? " - the search cap, not the real-time limit" : "");
-    if (p.first_over > 0) std::printf("  smallest P measured at or above 1.0: %d\n", p.first_over);
-    std::printf("  largest P measured with p99 RTF < 1.0: %d; with CPU-time RTF < 1.0: %d\n",
-                p.participants_p99, p.participants_cpu);
+    if (!p.found) {
+        std::printf("\nP_max (R = 1, one thread, %s%s < 1.0): none, even 2 participants are not"
+                    " real time\n", what, criterion);
+    } else {
+        std::printf("\nP_max (R = 1, one thread, %s%s < 1.0): %d participants (RTF %.3f, p99 %.3f,"
+                    " CPU %.3f)%s\n",
+                    what, criterion, p.participants, p.rtf_mean, p.rtf_p99, p.rtf_cpu,
+                    p.capped ? " - the search cap, not the real-time limit" : "");
+        if (p.first_over > 0) {
+            std::printf("  smallest P measured at or above 1.0: %d\n", p.first_over);
+        }
+        std::printf("  largest P measured with p99 RTF < 1.0: %d; with CPU-time RTF < 1.0: %d\n",
+                    p.participants_p99, p.participants_cpu);
+    }
+    if (p.target > 0) {
+        std::printf("  target: at least %d participants: %s\n", p.target,
+                    p.found && p.participants >= p.target ? "met"
+                    : p.capped                            ? "not reached (capped search)"
+                                                          : "not met");
+    }
 }
 
 bool write_json(const report& r, const std::string& path, std::string& error) {
     json results = json::array();
     for (const auto& m : r.results) results.push_back(to_json(m));
+    json spatial = json::array();
+    for (const auto& p : r.spatial_p_max) spatial.push_back(to_json(p));
     const json document{
         {"tool", "quelora_conference_bench"},
         {"library_version", qel_get_version()},
@@ -130,6 +218,7 @@ bool write_json(const report& r, const std::string& path, std::string& error) {
         {"build_type", QUELORA_BENCH_BUILD_TYPE},
         {"compiler", __VERSION__},
         {"quick", r.quick},
+        {"command", r.command},
         {"machine",
          {{"nproc", std::thread::hardware_concurrency()},
           {"cpu_model", first_line_value("/proc/cpuinfo", "model name")},
@@ -139,20 +228,9 @@ bool write_json(const report& r, const std::string& path, std::string& error) {
          "then one qel_output_audio_float per participant; RTF = wall time of one period's "
          "calls / block length (10 ms); rtf_cpu = this thread's CPU time per period / 10 ms"},
         {"results", results},
-        {"p_max",
-         {{"rooms", 1},
-          {"input_rate", 48000},
-          {"output_rate", 48000},
-          {"criterion", r.p_max.cpu_time ? "rtf_cpu < 1.0" : "rtf_mean < 1.0"},
-          {"found", r.p_max.found},
-          {"participants", r.p_max.participants},
-          {"rtf_mean", r.p_max.rtf_mean},
-          {"rtf_p99", r.p_max.rtf_p99},
-          {"rtf_cpu", r.p_max.rtf_cpu},
-          {"capped", r.p_max.capped},
-          {"first_over", r.p_max.first_over},
-          {"participants_p99", r.p_max.participants_p99},
-          {"participants_cpu", r.p_max.participants_cpu}}}};
+        {"p_max", to_json(r.p_max)},
+        {"spatial_p_max", spatial},
+        {"pair_cost", pair_cost_json(r)}};
     const std::filesystem::path file(path);
     std::error_code ignored;
     if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), ignored);

@@ -5,6 +5,8 @@
 #pragma once
 
 #include "conference_scenario.h"
+#include "machine_peak.h"
+#include "pair_cost.h"
 
 #include <string>
 #include <vector>
@@ -12,11 +14,16 @@
 namespace quelora::bench {
 
 // The largest participant count (R = 1, 48 kHz in and out) whose real-time
-// factor stayed below 1.0, with the measurement it rests on. The search
+// factor stayed below 1.0, with the measurement it rests on: of the plain
+// mix, and with 3D and reverb on for everybody at a spatial quality. The search
 // reads the mean wall-time RTF, or with --cpu-time the thread's CPU time
 // per period (on a shared, loaded machine the wall time also counts the
 // time other processes held the core).
 struct p_max_result {
+    bool mixing_3d = false;    // 3D and reverb on for everybody
+    int32_t spatial_quality = 3;
+    int32_t target = 0;        // the count this search is held against (0: none)
+    double period_seconds = 0.0;
     bool cpu_time = false;     // the criterion: rtf_cpu instead of rtf_mean
     bool found = false;        // some P stayed below 1.0
     int32_t participants = 0;
@@ -33,8 +40,12 @@ struct p_max_result {
 
 struct report {
     bool quick = false;
+    std::string command; // the command line that made it
     std::vector<measurement> results;
     p_max_result p_max;
+    std::vector<p_max_result> spatial_p_max;
+    core_peak peak;
+    std::vector<achieved_rate> achieved; // one per spatial P_max found
 };
 
 // CPU model, core count and load average (a loaded machine inflates wall times).

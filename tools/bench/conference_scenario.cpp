@@ -15,6 +15,8 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
+constexpr double pi = 3.14159265358979323846;
+
 double seconds_between(clock_type::time_point a, clock_type::time_point b) {
     return std::chrono::duration<double>(b - a).count();
 }
@@ -66,7 +68,8 @@ bool conference_run::set_up(std::string& error) {
     // The library's required input frames: output frames x input rate / output rate.
     input_frames_ = static_cast<int32_t>(static_cast<int64_t>(output_frames_) *
                                          config_.input_rate / config_.output_rate);
-    const qel_library_configuration configuration{config_.output_rate, output_frames_, 2, true, 3};
+    const qel_library_configuration configuration{config_.output_rate, output_frames_, 2, true,
+                                                  config_.spatial_quality};
     int code = QEL_ERROR_NONE;
     // A null layout path selects the built-in fallback layout.
     handle_ = qel_initialize_library_from_memory(nullptr, nullptr, configuration, &code);
@@ -87,10 +90,21 @@ bool conference_run::set_up(std::string& error) {
             talker t{room, id, std::vector<float>(loop_blocks * static_cast<size_t>(input_frames_))};
             talker_signal(index, config_.input_rate, 0, t.loop.data(), loop_blocks * input_frames_);
             talkers_.push_back(std::move(t));
+            // The built-in layout is an open room, which takes free positions.
+            const circle_seat seat = seat_on_circle(p, config_.participants);
+            if (!check(qel_set_participant_position(handle_, room, id, {seat.x, 0, seat.z},
+                                                    {seat.azimuth, 0}),
+                       "qel_set_participant_position", error)) {
+                return false;
+            }
         }
+        // Reverb is on by default; set anyway, since it decides the filter length.
         if (config_.mixing_3d &&
-            !check(qel_set_all_participants_state(handle_, room, QEL_CONTROL_MIXING_3D_ENABLE, 1),
-                   "qel_set_all_participants_state", error)) {
+            (!check(qel_set_all_participants_state(handle_, room, QEL_CONTROL_MIXING_3D_ENABLE, 1),
+                    "qel_set_all_participants_state", error) ||
+             !check(qel_set_all_participants_state(handle_, room,
+                                                   QEL_CONTROL_MIXING_3D_REVERB_ENABLE, 1),
+                    "qel_set_all_participants_state", error))) {
             return false;
         }
         if (config_.noise_cancellation &&
@@ -134,6 +148,17 @@ double percentile(const std::vector<double>& sorted, double fraction) {
 }
 
 } // namespace
+
+circle_seat seat_on_circle(int32_t p, int32_t count) {
+    const double angle = 2.0 * pi * static_cast<double>(p) / static_cast<double>(count);
+    circle_seat seat;
+    seat.x = static_cast<int32_t>(std::lround(seat_radius * std::sin(angle)));
+    seat.z = static_cast<int32_t>(std::lround(seat_radius * std::cos(angle)));
+    // Azimuth is measured from +z towards +x; the centre lies along (-x, -z).
+    seat.azimuth = static_cast<int32_t>(std::lround(
+        std::atan2(-static_cast<double>(seat.x), -static_cast<double>(seat.z)) * 180.0 / pi));
+    return seat;
+}
 
 bool run_scenario(const scenario& config, const run_length& length, measurement& result,
                   std::string& error) {

@@ -1,6 +1,9 @@
 // One measured configuration of the conference benchmark: a fresh library
 // with `rooms` rooms of `participants` regular mono talkers each, all
 // talking, driven from one thread through the public C interface only.
+// Everybody sits on a circle around the room's centre, facing it, so that
+// with 3D on the pairs lie at every distance from 0 to the diameter and the
+// distant ones are rendered with the modelled room's reverberation.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +20,21 @@ struct scenario {
     int32_t output_rate = 48000;
     bool mixing_3d = false;   // QEL_CONTROL_MIXING_3D_ENABLE for everybody
     bool noise_cancellation = false; // QEL_CONTROL_ANC_ENABLE for everybody (DFN)
+    int32_t spatial_quality = 3;     // of the library configuration, 1..5
 };
+
+// Radius of the circle, in distance units (100 = 1 m): pair distances run
+// from 0 to 400 units, past the 100 units beyond which the renderer adds the
+// reverberant layers.
+inline constexpr int32_t seat_radius = 200;
+
+struct circle_seat {
+    int32_t x = 0, z = 0;  // y (height) is 0 for everybody
+    int32_t azimuth = 0;   // heading towards the centre, -180..180
+};
+
+// Participant p of `count`, evenly around the circle.
+circle_seat seat_on_circle(int32_t p, int32_t count);
 
 // How long to measure: at least min_blocks periods, then more until
 // target_seconds of wall time have been spent in timed periods or

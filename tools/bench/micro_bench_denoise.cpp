@@ -1,7 +1,7 @@
 // quelora_micro_bench (make bench): the DFN noise canceller with the
 // compiled-in weights: one 10 ms block (two network hops) through the whole
 // wrapper, one hop of the model alone, and a 20 ms block. The "rtf" counter is
-// CPU time per second of audio on one core (issue target: at most 0.03). Like
+// CPU time per second of audio on one core (the target: at most 0.03). Like
 // every audio call of the library, the loops run with flush-to-zero and
 // denormals-are-zero set.
 #include "micro_bench_common.h"

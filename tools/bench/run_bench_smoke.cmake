@@ -1,7 +1,8 @@
 # cmake -DBENCH=<quelora_conference_bench> -DOUT=<file> -P run_bench_smoke.cmake
 # Runs the benchmark's --quick mode and checks that it exits 0 and writes a
 # JSON document with the machine record, one result per measured
-# configuration and P_max (tests/bench_smoke.cmake registers it).
+# configuration, P_max plain and with 3D, and the per-pair cost against the
+# core's measured peak (tests/bench_smoke.cmake registers it).
 if(NOT BENCH OR NOT OUT)
   message(FATAL_ERROR "usage: cmake -DBENCH=<program> -DOUT=<file> -P run_bench_smoke.cmake")
 endif()
@@ -51,4 +52,17 @@ endforeach()
 foreach(key found participants rtf_mean capped)
   require_member(p_max ${key})
 endforeach()
+string(JSON searches ERROR_VARIABLE error LENGTH "${document}" spatial_p_max)
+if(error OR searches LESS 2)
+  message(FATAL_ERROR "${OUT}: expected the 3D searches at two qualities (${error})")
+endif()
+math(EXPR last "${searches} - 1")
+foreach(i RANGE ${last})
+  foreach(key spatial_quality found participants target target_met)
+    require_member(spatial_p_max ${i} ${key})
+  endforeach()
+endforeach()
+require_member(pair_cost sizes 4 multiply_adds_per_pair_block)
+require_member(pair_cost core_peak multiply_adds_per_second)
+require_member(pair_cost achieved 0 fraction_of_multiply_add_peak low)
 message(STATUS "bench_smoke: ${results} configurations in ${OUT}")
