@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <numbers>
+#include <numeric>
 #include <stdexcept>
 
 namespace quelora {
@@ -47,8 +48,7 @@ bool measured_hrtf_set::parse(const unsigned char* data, std::size_t size) {
     const uint32_t count = read_u32(data + 8);
     const uint32_t taps = read_u32(data + 12);
     const uint32_t name_bytes = read_u32(data + 16);
-    if (count == 0 || count > INT32_MAX || taps == 0 || taps > max_taps ||
-        read_u32(data + 20) != 0)
+    if (count == 0 || count > INT32_MAX || taps == 0 || taps > max_taps || read_u32(data + 20) != 0)
         return false;
     const uint64_t name_end = header_bytes + uint64_t{name_bytes};
     const uint64_t azimuths = (name_end + 3) / 4 * 4;
@@ -77,13 +77,15 @@ bool measured_hrtf_set::parse(const unsigned char* data, std::size_t size) {
     elevation_ = elevation;
     scale_ = scale;
     samples_ = reinterpret_cast<const int16_t*>(data + samples);
-    // Three planes (all x, then all y, then all z) so that nearest()'s scan vectorises.
     unit_vectors_.resize(3 * std::size_t{count});
-    for (uint32_t d = 0; d < count; ++d) {
-        double v[3];
-        unit_vector(azimuth[d], elevation[d], v);
-        for (uint32_t axis = 0; axis < 3; ++axis) unit_vectors_[axis * count + d] = v[axis];
-    }
+    for (uint32_t d = 0; d < count; ++d)
+        unit_vector(azimuth[d], elevation[d], &unit_vectors_[3 * d]);
+    by_elevation_.resize(count);
+    std::iota(by_elevation_.begin(), by_elevation_.end(), 0);
+    std::stable_sort(by_elevation_.begin(), by_elevation_.end(),
+                     [&](int32_t a, int32_t b) { return elevation[a] < elevation[b]; });
+    sorted_elevation_.resize(count);
+    for (uint32_t i = 0; i < count; ++i) sorted_elevation_[i] = elevation[by_elevation_[i]];
     return true;
 }
 
@@ -97,24 +99,42 @@ void measured_hrtf_set::decode(int32_t direction, int32_t ear, float* out) const
 }
 
 int32_t measured_hrtf_set::nearest(float azimuth, float elevation) const {
+    if (count_ == 0) return -1;
     double query[3];
     unit_vector(azimuth, elevation, query);
-    // Two passes, the first a plain maximum the compiler vectorises (the
-    // room model asks some 20 000 times per initialisation), the second the
-    // lowest index within the tie margin of it.
-    const std::size_t n = static_cast<std::size_t>(count_);
-    const double* x = unit_vectors_.data();
-    const double* y = x + n;
-    const double* z = y + n;
-    const auto cosine = [&](std::size_t d) {
-        return x[d] * query[0] + y[d] * query[1] + z[d] * query[2];
+    const auto cosine = [&](int32_t sorted) {
+        const double* v = &unit_vectors_[3 * static_cast<std::size_t>(by_elevation_[sorted])];
+        return v[0] * query[0] + v[1] * query[1] + v[2] * query[2];
     };
+    // Widen a window of elevations around the query's, nearer side first,
+    // until both sides lie further away than the best candidate (the room
+    // model asks some 20 000 times per initialisation; this looks at a few
+    // rows of the 710 KEMAR directions instead of all of them).
+    const double e = std::clamp(static_cast<double>(elevation), -90.0, 90.0);
+    const auto start = std::lower_bound(sorted_elevation_.begin(), sorted_elevation_.end(), e);
+    int32_t low = static_cast<int32_t>(start - sorted_elevation_.begin()) - 1;
+    int32_t high = low + 1;
     double best_cosine = -2.0;
-    for (std::size_t d = 0; d < n; ++d) best_cosine = std::max(best_cosine, cosine(d));
-    for (std::size_t d = 0; d < n; ++d) {
-        if (cosine(d) >= best_cosine - tie) return static_cast<int32_t>(d);
+    double reach = 360.0; // degrees from the query beyond which nothing can beat the best
+    while (true) {
+        const double below = low >= 0 ? e - sorted_elevation_[low] : 1e9;
+        const double above = high < count_ ? sorted_elevation_[high] - e : 1e9;
+        if (std::min(below, above) > reach) break;
+        const int32_t next = below <= above ? low-- : high++;
+        const double c = cosine(next);
+        if (c > best_cosine) {
+            best_cosine = c;
+            reach = std::acos(std::clamp(c, -1.0, 1.0)) * 180.0 / std::numbers::pi + 1e-3;
+        }
     }
-    return -1;
+    // Of the directions looked at, the lowest index within the tie margin.
+    int32_t best = -1;
+    for (int32_t i = low + 1; i < high; ++i) {
+        if (cosine(i) >= best_cosine - tie && (best < 0 || by_elevation_[i] < best)) {
+            best = by_elevation_[i];
+        }
+    }
+    return best;
 }
 
 const measured_hrtf_set& measured_hrtf_set::compiled_in() {

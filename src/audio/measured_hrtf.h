@@ -57,7 +57,13 @@ private:
     const float* elevation_ = nullptr;
     const float* scale_ = nullptr;     // 2 x count: per direction, left then right
     const int16_t* samples_ = nullptr; // count x 2 x taps
-    std::vector<double> unit_vectors_; // all ahead, then all right, then all up, for nearest()
+    std::vector<double> unit_vectors_; // count x (ahead, right, up), for nearest()
+    // Directions in order of elevation (then index), and their elevations:
+    // nearest() looks only as far from the query's elevation as its best
+    // candidate so far, since two directions are at least their elevations
+    // apart on the sphere.
+    std::vector<int32_t> by_elevation_;
+    std::vector<double> sorted_elevation_;
 };
 
 // The generator's blob as compiled in (measured_hrtf_data.cpp): what
