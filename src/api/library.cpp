@@ -22,11 +22,12 @@ qel_library::qel_library(const char* room_layout_file, const char* websocket_con
     quelora::dsp::initialize_processor_dispatch();
     sizes_ = quelora::derive_processing_sizes(configuration_);
     // The filter banks, derived from the measured responses compiled into
-    // the library, cut and transformed for this quality and block size.
+    // the library, cut and transformed for this quality and block size (or
+    // those of a living library that has the same).
     const quelora::measured_hrtf_set& measured = quelora::measured_hrtf_set::compiled_in();
-    spatial_bank_ = std::make_unique<quelora::spatial_filter_bank>(
-        measured, sizes_.spatial_filter_length, sizes_.processing_block, sizes_.transform_size);
-    crosstalk_bank_ = std::make_unique<quelora::crosstalk_filter_bank>(measured);
+    spatial_bank_ = quelora::shared_spatial_bank(measured, sizes_.spatial_filter_length,
+                                                 sizes_.processing_block, sizes_.transform_size);
+    crosstalk_bank_ = quelora::shared_crosstalk_bank(measured);
     banks_ = {spatial_bank_.get(), crosstalk_bank_.get()};
 }
 

@@ -5,9 +5,8 @@
 
 #include "api/quelora_exception.h"
 #include "api/websocket_flavour.h"
-#include "audio/crosstalk_filter_bank.h"
 #include "audio/filter_banks.h"
-#include "audio/spatial_filter_bank.h"
+#include "audio/shared_filter_banks.h"
 #include "conference/conference.h"
 #include "config/library_configuration.h"
 #include "config/room_layout.h"
@@ -31,8 +30,6 @@ public:
     const qel_library_configuration& configuration() const { return configuration_; }
     const quelora::processing_sizes& sizes() const { return sizes_; }
     const quelora::room_layout_set& layouts() const { return *layouts_; }
-    // The shared filter banks, built at initialisation.
-    const quelora::spatial_filter_bank& spatial_bank() const { return *spatial_bank_; }
     quelora::conference& conference() { return *conference_; }
     // Null when none was built (no or a bad configuration, the client
     // flavour).
@@ -42,8 +39,9 @@ private:
     qel_library_configuration configuration_{};
     quelora::processing_sizes sizes_;
     // Declared before the conference: every room's listeners read them.
-    std::unique_ptr<quelora::spatial_filter_bank> spatial_bank_;
-    std::unique_ptr<quelora::crosstalk_filter_bank> crosstalk_bank_;
+    // Shared with the process's other libraries of the same sizes.
+    std::shared_ptr<const quelora::spatial_filter_bank> spatial_bank_;
+    std::shared_ptr<const quelora::crosstalk_filter_bank> crosstalk_bank_;
     quelora::filter_banks banks_;
     std::unique_ptr<quelora::room_layout_set> layouts_;
     std::unique_ptr<quelora::conference> conference_;

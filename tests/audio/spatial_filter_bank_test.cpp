@@ -1,6 +1,7 @@
 // The spatial filter bank against a double-precision transform of its own responses (a float one
 // is good to 1e-7 of a piece's l1 norm) and itself rebuilt and cut shorter; the room measured.
 #include "audio/hrtf_grid.h"
+#include "audio/shared_filter_banks.h"
 #include "audio/spatial_filter_bank.h"
 
 #include <gtest/gtest.h>
@@ -94,6 +95,19 @@ TEST(GridResponse, DistantLayersAddTheRoomAtTheDiffuseFieldLevelDecayingAsTheRoo
     EXPECT_LT(rho / 144, 0.1); // the mean magnitude of the ears' correlation
     const double rt60 = 60.0 * 0.0375 / (10.0 * std::log10(halves[0] / halves[1]));
     EXPECT_NEAR(rt60, meeting_room().rt60(), 0.03 * meeting_room().rt60());
+}
+
+TEST(SharedFilterBanks, LibrariesOfOneSizeShareABankThatDiesWithTheLast) {
+    const measured_hrtf_set& set = measured_hrtf_set::compiled_in();
+    auto first = shared_spatial_bank(set, 512, 512, 1024);
+    auto second = shared_spatial_bank(set, 512, 512, 1024);
+    EXPECT_EQ(first, second);
+    EXPECT_NE(first, shared_spatial_bank(set, 1024, 512, 1024));
+    const std::weak_ptr<const spatial_filter_bank> watch = first;
+    first.reset();
+    EXPECT_FALSE(watch.expired());
+    second.reset();
+    EXPECT_TRUE(watch.expired());
 }
 
 } // namespace

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
+#include <utility>
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     static struct : qel_logger_handler {
@@ -29,6 +31,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t* f = outputs[b[1] % std::size(outputs)];
     const qel_library_configuration configuration{f[0], f[1], 1 + (b[2] & 1), (b[2] & 2) != 0,
                                                   1 + (b[2] >> 2) % 5};
+    // One library per filter-bank size lives for the whole run, as a host's
+    // would, so that every input's fresh library shares its filter banks
+    // instead of spending most of the run building them.
+    // (Never destroyed, so that they stay reachable, not leaked, at exit.)
+    static auto& keepers = *new std::map<std::pair<int32_t, int32_t>, qel_handle>;
+    const int32_t block = 48000 / f[0] * f[1] > 512 ? 1024 : 512;
+    qel_handle& keeper = keepers[{block, configuration.spatial_quality}];
+    if (keeper == nullptr) {
+        int keeper_error = 0;
+        keeper = qel_initialize_library(nullptr, nullptr, configuration, &keeper_error);
+        if (keeper == nullptr) std::abort();
+    }
     const char* const documents[] = {nullptr, QUELORA_FUZZ_LAYOUTS "/conference.json",
                                      QUELORA_FUZZ_LAYOUTS "/headless.json"};
     int error = 0;
