@@ -212,10 +212,30 @@ void binaural_renderer::render(binaural_source* sources, int32_t count,
     const int32_t half_span_angle = listener.get(QEL_CONTROL_HALF_SPAN_ANGLE);
     for (int32_t s = 0; s < count; ++s) {
         binaural_source& source = sources[s];
+        if (s + 2 < count) __builtin_prefetch(sources[s + 2].state);
+        if (s + 1 < count && sources[s + 1].received) prefetch(sources[s + 1]);
         update_filters(source, reverb, half_span_angle);
         if (source.received) accumulate(source, max_distance, attenuation);
     }
     synthesise(mix);
+}
+
+// Each source's filters lie in allocations of their own, about a page per
+// ear and partition, and the hardware prefetcher starts afresh on every page:
+// left alone, the kernel waits on memory for most of a pair. So while one
+// source is convolved, the first partition of the next one's filters (and
+// its frame spectra) is fetched; the prefetcher carries the rest.
+void binaural_renderer::prefetch(const binaural_source& next) const {
+    const auto fetch = [](const void* from, size_t bytes) {
+        for (size_t offset = 0; offset < bytes; offset += 64) {
+            __builtin_prefetch(static_cast<const char*>(from) + offset);
+        }
+    };
+    const size_t partition = sizeof(std::complex<float>) * static_cast<size_t>(bins_);
+    fetch(next.state->left.get(), partition);
+    fetch(next.state->right.get(), partition);
+    if (next.current.spectra != nullptr) fetch(next.current.spectra->overlap.get(), partition);
+    if (next.previous.spectra != nullptr) fetch(next.previous.spectra->block.get(), partition);
 }
 
 } // namespace quelora

@@ -99,6 +99,7 @@ public:
     int32_t frames() const { return frames_; }
 
 private:
+    void prefetch(const binaural_source& next) const;
     void update_filters(binaural_source& source, bool reverb, int32_t half_span_angle);
     void accumulate(const binaural_source& source, int32_t max_distance, int32_t attenuation);
     void transform_frame(const float* first, float first_gain, const float* second,
