@@ -10,6 +10,7 @@ listener_engine::listener_engine(int32_t frames, size_t expected_sources,
                                  const spatial_filter_bank* bank)
     : frames_(frames) {
     slots_.reserve(expected_sources);
+    slot_ids_.reserve(expected_sources);
     render_view_.reserve(expected_sources);
     if (bank != nullptr) renderer_ = std::make_unique<binaural_renderer>(*bank, frames);
 }
@@ -19,9 +20,10 @@ listener_engine::~listener_engine() {
 }
 
 listener_engine::source_slot* listener_engine::find(int32_t source_id) {
-    auto it = std::find_if(slots_.begin(), slots_.end(),
-                           [&](const source_slot& s) { return s.source_id == source_id; });
-    return it == slots_.end() ? nullptr : &*it;
+    // Scanned in the ids alone: every talker's input call looks its slot up
+    // in every listener, and the slots themselves span a cache line or more.
+    const auto it = std::find(slot_ids_.begin(), slot_ids_.end(), source_id);
+    return it == slot_ids_.end() ? nullptr : &slots_[static_cast<size_t>(it - slot_ids_.begin())];
 }
 
 const listener_engine::source_slot* listener_engine::find(int32_t source_id) const {
@@ -35,6 +37,7 @@ void listener_engine::add_source(int32_t source_id, int32_t channels) {
     if (renderer_) slot.render_state = renderer_->make_source_state();
     std::lock_guard lock(mutex_);
     slots_.push_back(std::move(slot));
+    slot_ids_.push_back(source_id);
     render_view_.reserve(slots_.size());
 }
 
@@ -43,7 +46,9 @@ void listener_engine::remove_source(int32_t source_id) {
     source_slot* slot = find(source_id);
     if (slot == nullptr) return;
     release_all(*slot);
-    std::erase_if(slots_, [&](const source_slot& s) { return s.source_id == source_id; });
+    const auto index = static_cast<std::ptrdiff_t>(slot - slots_.data());
+    slots_.erase(slots_.begin() + index);
+    slot_ids_.erase(slot_ids_.begin() + index);
 }
 
 void listener_engine::recycle(source_slot& slot, std::unique_ptr<queue_node> node) {

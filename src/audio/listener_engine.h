@@ -151,6 +151,7 @@ private:
     int32_t frames_;
     mutable std::mutex mutex_; // the engine mutex
     std::vector<source_slot> slots_;
+    std::vector<int32_t> slot_ids_; // slots_[i].source_id, for find()
     std::unique_ptr<binaural_renderer> renderer_;
     std::vector<binaural_source> render_view_; // one per slot, refilled per mix
     bool reset_requested_ = false;             // a full flush awaits the next mix
