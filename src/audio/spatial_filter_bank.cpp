@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -16,19 +15,6 @@ namespace {
 
 static_assert(spatial_filter_bank::grid_points == grid_point_count);
 static_assert(spatial_filter_bank::response_taps == grid_response_builder::max_taps);
-
-constexpr size_t alignment = 64;
-
-// Zeroed storage, aligned for the renderer's vector loads. calloc hands large
-// blocks out as fresh zero pages, which stay unbacked until written.
-std::complex<float>* zeroed(size_t values, std::unique_ptr<void, void (*)(void*)>& owner) {
-    void* p = std::calloc(values * sizeof(std::complex<float>) + alignment, 1);
-    if (p == nullptr) throw std::bad_alloc();
-    owner.reset(p);
-    const auto address = reinterpret_cast<uintptr_t>(p);
-    const uintptr_t aligned = (address + alignment - 1) / alignment * alignment;
-    return reinterpret_cast<std::complex<float>*>(aligned);
-}
 
 } // namespace
 
@@ -45,8 +31,9 @@ spatial_filter_bank::spatial_filter_bank(const measured_hrtf_set& measured, int3
     }
     dsp::real_fft fft(transform_size);
     const size_t per_ear = static_cast<size_t>(grid_points) * partitions_ * bins_;
-    left_ = zeroed(per_ear, left_storage_);
-    right_ = zeroed(per_ear, right_storage_);
+    // Partitions that stay zero are never written: their pages stay unbacked.
+    left_ = dsp::make_aligned_zeros<std::complex<float>>(per_ear);
+    right_ = dsp::make_aligned_zeros<std::complex<float>>(per_ear);
 
     grid_response_builder builder(measured);
     std::vector<float> taps[2] = {std::vector<float>(filter_length),
@@ -55,7 +42,7 @@ spatial_filter_bank::spatial_filter_bank(const measured_hrtf_set& measured, int3
     for (int32_t point = 0; point < grid_points; ++point) {
         builder.build(point, filter_length, taps[0].data(), taps[1].data());
         const size_t offset = static_cast<size_t>(point) * partitions_ * bins_;
-        std::complex<float>* const out[2] = {left_ + offset, right_ + offset};
+        std::complex<float>* const out[2] = {left_.get() + offset, right_.get() + offset};
         for (int32_t ear = 0; ear < 2; ++ear) {
             for (int32_t p = 0; p < partitions_; ++p) {
                 const float* piece = taps[ear].data() + static_cast<size_t>(p) * block;

@@ -10,10 +10,10 @@
 #pragma once
 
 #include "audio/measured_hrtf.h"
+#include "dsp/aligned_array.h"
 
 #include <complex>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -36,8 +36,8 @@ public:
     int32_t block() const { return block_; }
 
     // partitions() x bins() complex values, partition p starting at p x bins().
-    const std::complex<float>* left(int32_t point) const { return ear(left_, point); }
-    const std::complex<float>* right(int32_t point) const { return ear(right_, point); }
+    const std::complex<float>* left(int32_t point) const { return ear(left_.get(), point); }
+    const std::complex<float>* right(int32_t point) const { return ear(right_.get(), point); }
 
     // 1 + the last partition of either ear that is not all zero.
     int32_t used_partitions(int32_t point) const { return used_[point]; }
@@ -53,10 +53,8 @@ private:
     int32_t bins_;
     int32_t block_;
     std::string_view name_;
-    std::unique_ptr<void, void (*)(void*)> left_storage_{nullptr, std::free};
-    std::unique_ptr<void, void (*)(void*)> right_storage_{nullptr, std::free};
-    std::complex<float>* left_ = nullptr; // 64-byte aligned into the storage
-    std::complex<float>* right_ = nullptr;
+    dsp::aligned_array<std::complex<float>> left_;
+    dsp::aligned_array<std::complex<float>> right_;
     std::vector<int32_t> used_;
 };
 
