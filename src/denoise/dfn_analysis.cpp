@@ -71,13 +71,26 @@ float normalisation_alpha(int sample_rate, int hop) {
 
 std::vector<float> linear_spacing(double first, double last, int count) {
     std::vector<float> values(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i) {
-        values[i] = static_cast<float>(first + (last - first) * i / (count - 1));
-    }
+    fill_linear_spacing(first, last, values);
     return values;
 }
 
+void fill_linear_spacing(double first, double last, std::span<float> values) {
+    const auto count = static_cast<int>(values.size());
+    for (int i = 0; i < count; ++i) {
+        values[i] = static_cast<float>(first + (last - first) * i / (count - 1));
+    }
+}
+
 } // namespace dfn_design
+
+namespace {
+
+// The normalisation means' starting values, spread over the bands and bins.
+constexpr double erb_state_first = -60.0, erb_state_last = -90.0;
+constexpr double unit_state_first = 0.001, unit_state_last = 0.0001;
+
+} // namespace
 
 dfn_analysis::dfn_analysis()
     : fft_(dfn_transform_size),
@@ -87,13 +100,24 @@ dfn_analysis::dfn_analysis()
                                                dfn_erb_bands, dfn_min_bins_per_band)),
       alpha_(dfn_design::normalisation_alpha(dfn_sample_rate, dfn_hop)),
       one_minus_alpha_(1.0f - alpha_),
-      erb_state_(dfn_design::linear_spacing(-60.0, -90.0, dfn_erb_bands)),
-      unit_state_(dfn_design::linear_spacing(0.001, 0.0001, dfn_df_bins)),
+      erb_state_(dfn_design::linear_spacing(erb_state_first, erb_state_last, dfn_erb_bands)),
+      unit_state_(dfn_design::linear_spacing(unit_state_first, unit_state_last, dfn_df_bins)),
       erb_history_(static_cast<size_t>(dfn_feature_history * dfn_erb_bands), 0.0f),
       complex_history_(static_cast<size_t>(2 * dfn_feature_history * dfn_df_bins), 0.0f),
       frame_(static_cast<size_t>(dfn_transform_size), 0.0f),
       spectra_(static_cast<size_t>(dfn_spectrum_history * dfn_bins)),
       newest_(0) {}
+
+// frame_ is scratch (process writes all of it before the transform), and
+// the transform keeps nothing between calls.
+void dfn_analysis::reset() {
+    dfn_design::fill_linear_spacing(erb_state_first, erb_state_last, erb_state_);
+    dfn_design::fill_linear_spacing(unit_state_first, unit_state_last, unit_state_);
+    std::fill(erb_history_.begin(), erb_history_.end(), 0.0f);
+    std::fill(complex_history_.begin(), complex_history_.end(), 0.0f);
+    std::fill(spectra_.begin(), spectra_.end(), std::complex<float>());
+    newest_ = 0;
+}
 
 const std::complex<float>* dfn_analysis::spectrum(int hops_back) const {
     const int slot = (newest_ - hops_back + dfn_spectrum_history) % dfn_spectrum_history;

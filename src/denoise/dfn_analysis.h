@@ -10,6 +10,7 @@
 
 #include <complex>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace quelora::denoise {
@@ -20,6 +21,9 @@ public:
 
     // hop: 480 samples (the wrapper's window_in or block).
     void process(const float* hop);
+    // Back to the state at construction: the normalisation means at their
+    // starting values, the feature histories and spectra zero. Never allocates.
+    void reset();
 
     // [1][3][32]: time t-2, t-1, t (oldest first), band fastest.
     const float* erb_features() const { return erb_history_.data(); }
@@ -70,6 +74,8 @@ std::vector<uint16_t> erb_band_widths(int sample_rate, int size, int bands, int 
 float normalisation_alpha(int sample_rate, int hop);
 // count values from first to last, evenly spaced (first + (last - first) i / (count - 1)).
 std::vector<float> linear_spacing(double first, double last, int count);
+// The same into values (values.size() of them), without allocating.
+void fill_linear_spacing(double first, double last, std::span<float> values);
 } // namespace dfn_design
 
 } // namespace quelora::denoise

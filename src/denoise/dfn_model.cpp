@@ -4,6 +4,7 @@
 #include "denoise/dfn_weight_layout.h"
 #include "dsp/vector_ops.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <span>
@@ -170,6 +171,23 @@ dfn_model::dfn_model(const float* table)
       skip_(ch * erb), up_(ch * erb), df_path_(df_out_channels * df) {}
 
 dfn_model::~dfn_model() = default;
+
+// The rest is scratch that every hop writes whole before reading it: the hop
+// buffers' other vectors, c0_, c1_, wide_, skip_, up_, df_path_, and the
+// layers' padding, patch and gate buffers (the padding's borders are zero from
+// construction and never written). The synthesis keeps nothing between hops.
+void dfn_model::reset() {
+    analysis_.reset();
+    layers_->gru1.reset();
+    layers_->gru2.reset();
+    layers_->gru3.reset();
+    std::fill(df_path_history_.begin(), df_path_history_.end(), 0.0f);
+    for (hop_buffers& hop : hops_) {
+        std::fill(hop.gains.begin(), hop.gains.end(), 0.0f);
+        std::fill(hop.coefficients.begin(), hop.coefficients.end(), 0.0f);
+    }
+    last_ = 0;
+}
 
 // The encoders of one hop (docs/dfn.md section 3), and what of the embedding
 // and the DF decoder depends on this hop's encoders alone: the flattened maps

@@ -36,6 +36,11 @@ public:
     void process_block(const float* window_a, const float* window_b, float* output_a,
                        float* output_b);
 
+    // Back to the state at construction (GRU states, normalisation means,
+    // feature, spectrum and DF-path histories; gains() and coefficients()
+    // read zero again). Never allocates.
+    void reset();
+
     // The last hop's 32 band gains and 960 deep-filter coefficients
     // ([bin 96][tap 5][re, im]), for tests.
     const float* gains() const { return hops_[last_].gains.data(); }

@@ -76,6 +76,9 @@ gru_layer::gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_i
     hidden_gates_.assign(3 * std::size_t{hidden_size}, 0.0f);
 }
 
+// The gate vectors are scratch: each step's products write them whole first.
+void gru_layer::reset() { std::fill(hidden_.begin(), hidden_.end(), 0.0f); }
+
 void gru_layer::forward(const float* input, float* output) {
     multiply_gates(*kernels_, w_input_, input_block_, hidden_size_, input_size_, input,
                    input_gates_.data());

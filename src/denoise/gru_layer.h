@@ -28,6 +28,8 @@ public:
     // other output. Never allocates.
     void forward_pair(const float* input_a, const float* input_b, float* output_a,
                       float* output_b);
+    // Zeroes the hidden state, as at construction. Never allocates.
+    void reset();
     const float* hidden_state() const { return hidden_.data(); }
     uint32_t input_size() const { return input_size_; }
     uint32_t hidden_size() const { return hidden_size_; }

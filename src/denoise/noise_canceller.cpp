@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 namespace quelora::denoise {
 
@@ -39,18 +40,36 @@ noise_canceller::noise_canceller(uint32_t sample_rate, uint32_t channels,
       input_fifo_(1, capacity(2048, int64_t{frame_length} + block)),
       output_fifo_(1, capacity(2048, int64_t{frame_length} + 2 * block)),
       dry_fifo_(1, capacity(4096, int64_t{dry_delay(frame_length)} + 2 * int64_t{frame_length})) {
-    // The dry delay line starts full of silence.
-    const std::array<float, 256> silence{};
-    for (int32_t left = dry_delay(frame_length); left > 0;) {
-        const int32_t n = std::min<int32_t>(left, silence.size());
-        dry_fifo_.write(silence.data(), 0, n);
-        left -= n;
-    }
+    fill_dry_line();
     qel_logger::get_logger().log(QEL_LOG_INFO, "Noise cancellation model: DFN (created)");
 }
 
 noise_canceller::~noise_canceller() {
     qel_logger::get_logger().log(QEL_LOG_INFO, "Noise cancellation model: DFN (destroyed)");
+}
+
+// The dry delay line starts full of silence.
+void noise_canceller::fill_dry_line() {
+    const std::array<float, 256> silence{};
+    for (int32_t left = dry_delay(frame_length_); left > 0;) {
+        const int32_t n = std::min<int32_t>(left, silence.size());
+        dry_fifo_.write(silence.data(), 0, n);
+        left -= n;
+    }
+}
+
+// window_in_, out_a_, out_b_ and block_ are scratch: every block writes them
+// whole before reading them.
+void noise_canceller::reset() {
+    frame_count_ = 0;
+    model_->reset();
+    overlap_.fill(0.0f);
+    previous_input_.fill(0.0f);
+    input_fifo_.clear();
+    output_fifo_.clear();
+    dry_fifo_.clear();
+    fill_dry_line();
+    dither_ = block_dither();
 }
 
 void noise_canceller::process(const float* input, float* output, float* dry_output) {
@@ -87,15 +106,20 @@ void noise_canceller::process_block(float* samples, float* output) {
 
     dither_.apply(samples);
 
-    // The block's two hops; those of the first block (counts 1 and 2) are muted.
+    // The block's two hops; those of the first block (counts 1 and 2) are
+    // muted. The count saturates: wrapping (after some 124 days of input)
+    // would be undefined and would mute again.
+    const auto count_hop = [this] {
+        frame_count_ += frame_count_ < std::numeric_limits<int32_t>::max() ? 1 : 0;
+    };
     std::memcpy(window_in_.data(), previous_input_.data() + hop, hop * sizeof(float));
     std::memcpy(window_in_.data() + hop, samples, hop * sizeof(float));
     // The model runs both hops at once (dfn_model::process_block), which
     // equals two process_hop calls in turn.
     model_->process_block(window_in_.data(), samples, out_a_.data(), out_b_.data());
-    ++frame_count_;
+    count_hop();
     if (frame_count_ < 3) out_a_.fill(0.0f);
-    ++frame_count_;
+    count_hop();
     if (frame_count_ < 3) out_b_.fill(0.0f);
 
     // The next block's first window reads this block's input: keep it before

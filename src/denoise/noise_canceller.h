@@ -35,8 +35,18 @@ public:
     // input.
     void process(const float* input, float* output, float* dry_output);
 
+    // Returns the canceller to its state right after construction: the
+    // model's recurrent states, normalisation means and histories, the
+    // overlap, the dither sequence, the muted first block, and the FIFOs with
+    // the dry line holding silence again. For the input chain when the
+    // canceller runs again after a pause, so that no audio from before the
+    // pause is replayed. Like process(), never allocates, locks or logs.
+    void reset();
+
     uint32_t sample_rate() const { return sample_rate_; }
     uint32_t frame_length() const { return frame_length_; }
+    // Hops processed, saturating at INT32_MAX (the count only has to tell
+    // the first block's two hops, which are muted, from the rest).
     int32_t frame_count() const { return frame_count_; }
     const dfn_model& model() const { return *model_; }
 
@@ -44,6 +54,8 @@ private:
     // The block routine: dithers `block` in place, then writes 480 samples
     // to output (which may be block).
     void process_block(float* block, float* output);
+    // Writes the dry delay line's silence into the (empty) dry FIFO.
+    void fill_dry_line();
 
     int32_t frame_count_ = 0;
     uint32_t sample_rate_;

@@ -1,6 +1,6 @@
 // The DFN noise canceller: the model's two-hop block path, and what users hear: agreement with
 // the PyTorch twin (training/dfn/make_golden.py), the dry delay and re-blocking per frame length,
-// dither, stereo, bad samples.
+// dither, stereo, bad samples, reset.
 #include "denoise/block_dither.h"
 #include "denoise/noise_canceller.h"
 #include "support/dfn_test_table.h"
@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <random>
@@ -166,6 +167,40 @@ TEST(NoiseCanceller, NonFiniteSamplesEnterAsSilence) {
         ASSERT_EQ(a, b) << k;
     }
     EXPECT_FALSE(all_zero(a.data(), 480));
+}
+
+// reset() makes a used canceller a new one, bit for bit, wet and dry. It runs after about two
+// seconds that leave the FIFOs mid-block (441, 512) and the dither mid-cycle (201 or 202 blocks;
+// its period is 4 blocks), so any state left over (a GRU, a normalisation mean, a history, the
+// overlap, the first block's muting, the dry line) changes the samples that follow.
+TEST(NoiseCanceller, ResetGivesTheOutputOfANewCanceller) {
+    const std::vector<float> x = test_signal(48000 * 3);
+    for (const std::size_t frames : {480, 960, 441, 512}) {
+        SCOPED_TRACE(frames);
+        const auto n = static_cast<uint32_t>(frames);
+        noise_canceller used(48000, 1, n, random_table()), fresh(48000, 1, n, random_table());
+        std::vector<float> out(frames), dry(frames), want(frames), want_dry(frames);
+        std::size_t at = 0;
+        const auto run = [&](noise_canceller& c, std::vector<float>& y, std::vector<float>& d) {
+            std::copy_n(x.data() + at, frames, y.data()); // in place, as the input chain runs it
+            c.process(y.data(), y.data(), d.data());
+        };
+        for (; at + frames <= 97234; at += frames) run(used, out, dry);
+        used.reset();
+        EXPECT_EQ(used.frame_count(), 0);
+        const dfn_model& m = used.model();
+        const dfn_model& new_model = fresh.model();
+        EXPECT_EQ(std::memcmp(m.gains(), new_model.gains(), 32 * 4), 0);
+        EXPECT_EQ(std::memcmp(m.coefficients(), new_model.coefficients(), 960 * 4), 0);
+        for (; at + frames <= x.size(); at += frames) {
+            run(used, out, dry);
+            run(fresh, want, want_dry);
+            ASSERT_EQ(std::memcmp(out.data(), want.data(), frames * sizeof(float)), 0) << at;
+            ASSERT_EQ(std::memcmp(dry.data(), want_dry.data(), frames * sizeof(float)), 0) << at;
+        }
+        EXPECT_FALSE(all_zero(want.data(), frames));
+        EXPECT_EQ(used.frame_count(), fresh.frame_count());
+    }
 }
 
 } // namespace
