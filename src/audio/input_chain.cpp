@@ -4,6 +4,7 @@
 #include "dsp/vector_ops.h"
 
 #include <cmath>
+#include <utility>
 
 namespace quelora {
 
@@ -37,7 +38,8 @@ float input_chain::speech_value_only() {
     return stages_.speech->process(work_.get(), scratch_.get(), nullptr);
 }
 
-void input_chain::cancel_noise(const control_values& controls, float& speech_value) {
+void input_chain::cancel_noise(const control_values& controls, bool canceller_ran_before,
+                               float& speech_value) {
     const int32_t n = processing_frames_;
     float* work = work_.get();
     float* dry = dry_delay_.get();
@@ -50,7 +52,11 @@ void input_chain::cancel_noise(const control_values& controls, float& speech_val
             processed = true;
         }
     } else if (stages_.noise_canceller) {
+        // A canceller switched back on starts clean rather than resuming the
+        // overlap, spectra and dry line it held when it was switched off.
+        if (!canceller_ran_before) stages_.noise_canceller->reset();
         stages_.noise_canceller->process(work, work, dry);
+        canceller_ran_last_call_ = true;
         speech_value = speech_value_only();
         processed = true;
     }
@@ -95,8 +101,10 @@ void input_chain::process(const void* samples, sample_type type, const control_v
         }
     }
     float speech_value = 0.0f;
+    // Any call that does not reach the canceller counts as a pause for it.
+    const bool canceller_ran_before = std::exchange(canceller_ran_last_call_, false);
     if (anc) {
-        cancel_noise(controls, speech_value);
+        cancel_noise(controls, canceller_ran_before, speech_value);
     } else if (agc || auto_eq) {
         speech_value = speech_value_only();
     }

@@ -54,7 +54,8 @@ public:
     bool has_resampler() const { return resampler_.has_value(); }
 
 private:
-    void cancel_noise(const control_values& controls, float& speech_value);
+    void cancel_noise(const control_values& controls, bool canceller_ran_before,
+                      float& speech_value);
     float speech_value_only();
 
     int32_t channels_;
@@ -62,6 +63,9 @@ private:
     int32_t processing_frames_;
     bool interleaved_;
     int32_t chain_latency_ = latency_high;
+    // Whether the previous call ran the ANC-high canceller; a canceller that
+    // has not run yet is as clean as a reset one.
+    bool canceller_ran_last_call_ = true;
     std::unique_ptr<float[]> work_;      // channels x N
     std::unique_ptr<float[]> scratch_;   // 2 x N: output of stages whose signal is unused
     std::unique_ptr<float[]> dry_delay_; // channels x 4096

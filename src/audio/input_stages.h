@@ -11,25 +11,30 @@
 
 namespace quelora {
 
-// The speech model (voice activity detector): processes `frames` samples of
-// the first channel from input into output (they may be the same buffer);
-// when dry_copy is not null, first copies the unprocessed block there.
-// Returns the speech value of the block (largest over its hops).
+// The speech model (voice activity detector): processes the block's first
+// channel from input into output (they may be the same buffer); when dry_copy
+// is not null, first copies the unprocessed block there. For two channels it
+// leaves the processed mono in both halves of the output and copies the
+// input's first channel over its second. Returns the speech value of the
+// block (largest over its hops).
 class speech_model {
 public:
     virtual ~speech_model() = default;
-    virtual float process(const float* input, float* output, float* dry_copy) = 0;
+    virtual float process(float* input, float* output, float* dry_copy) = 0;
     // Samples per hop (480 at 48000 Hz); the hop rate auto EQ receives is
     // 48000 / hop_length, truncated.
     virtual int32_t hop_length() const = 0;
 };
 
 // The noise canceller of ANC high: denoises one block (in place allowed)
-// and writes the time-aligned dry signal to dry_output.
+// and writes the time-aligned dry signal to dry_output. reset() returns it to
+// its state at creation; the chain calls it when the canceller runs again
+// after calls without it, so that no audio from before the pause is replayed.
 class noise_canceller_stage {
 public:
     virtual ~noise_canceller_stage() = default;
     virtual void process(const float* input, float* output, float* dry_output) = 0;
+    virtual void reset() = 0;
 };
 
 // Automatic gain control: levels the first channel of the block in place.

@@ -9,9 +9,10 @@
 
 namespace quelora {
 
-// The stages that exist so far for a participant with `channels` input
-// channels and `processing_frames` samples per channel per block at 48 kHz
-// (docs/status.md lists those still absent).
+// Every stage of the input chain for a participant with `channels` input
+// channels and `processing_frames` samples per channel per block at 48 kHz:
+// the light suppressor (speech model), the DFN canceller, AGC, auto EQ and
+// the final soft limiter.
 input_stage_set make_input_stages(int32_t channels, int32_t processing_frames);
 
 } // namespace quelora

@@ -18,6 +18,9 @@ struct canceller : noise_canceller_stage {
     void process(const float* in, float* out, float* dry) override {
         for (int32_t i = 0; i < n; ++i) dry[i] = 2.0f * in[i], out[i] = 0.25f * in[i];
     }
+    void reset() override { ++*resets; }
+    int* resets;
+    explicit canceller(int* counter = nullptr) : resets(counter) {}
 };
 
 control_values controls(std::initializer_list<std::pair<qel_audio_control, int32_t>> values) {
@@ -37,6 +40,24 @@ TEST(InputChain, NoiseCancellationWeighsTheProcessedSignalByMixToThePower0602) {
         chain.process(in.data(), sample_type::float32,
                       controls({{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_MIX, mix}}));
         EXPECT_NEAR(chain.work_buffer()[n - 1], expected, 1e-7) << mix;
+    }
+}
+
+TEST(InputChain, CancellerSwitchedBackOnStartsFromACleanState) {
+    // Calls with the canceller path on (ANC and ANC high) or off in some way;
+    // only a call that runs it after one that did not resets it first.
+    int resets = 0;
+    input_stage_set stages;
+    stages.noise_canceller = std::make_unique<canceller>(&resets);
+    input_chain chain(48000, 1, n, n, false, std::move(stages));
+    const std::vector<float> in(n, 0.1f);
+    const std::pair<int, int> calls[] = {{1, 1}, {1, 1}, {1, 0}, {1, 1}, {0, 1}, {0, 0}, {1, 1}};
+    const int expected[] = {0, 0, 0, 1, 1, 1, 2};
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        chain.process(in.data(), sample_type::float32,
+                      controls({{QEL_CONTROL_ANC_ENABLE, calls[i].first},
+                                {QEL_CONTROL_ANC_HIGH, calls[i].second}}));
+        EXPECT_EQ(resets, expected[i]) << "call " << i;
     }
 }
 

@@ -16,14 +16,15 @@
 namespace qt = quelora::testing;
 
 TEST(AudioAllocation, SteadyBlockPeriodsAllocateNothingInEveryFormatAndSetting) {
-    // Defaults, the noise canceller, every other stage, stereo bypass, and all
-    // muted (every output then takes the no-input path).
+    // Defaults, each noise canceller with AGC and auto EQ, stereo bypass, and
+    // all muted (every output then takes the no-input path).
     // clang-format off
     const std::vector<std::pair<qel_audio_control, int>> settings[] = {
-        {}, {{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_HIGH, 1}, {QEL_CONTROL_ANC_MIX, 70}},
+        {}, {{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_HIGH, 1}, {QEL_CONTROL_ANC_MIX, 70},
+             {QEL_CONTROL_AGC_ENABLE, 1}, {QEL_CONTROL_AUTO_EQ_ENABLE, 1}},
         {{QEL_CONTROL_ANC_ENABLE, 1}, {QEL_CONTROL_ANC_HIGH, 0}, {QEL_CONTROL_AGC_ENABLE, 1},
-         {QEL_CONTROL_MASTER_GAIN, 50}, {QEL_CONTROL_MIXING_3D_ENABLE, 1},
-         {QEL_CONTROL_DEVICE, QEL_DEVICE_SPEAKER}},
+         {QEL_CONTROL_AUTO_EQ_ENABLE, 1}, {QEL_CONTROL_MASTER_GAIN, 50},
+         {QEL_CONTROL_MIXING_3D_ENABLE, 1}, {QEL_CONTROL_DEVICE, QEL_DEVICE_SPEAKER}},
         {{QEL_CONTROL_STEREO_BYPASS_ENABLE, 1}}, {{QEL_CONTROL_MUTE_ENABLE, 1}}};
     const qel_participant_configuration members[] = {
         {48000, 1, QEL_PARTICIPANT_REGULAR}, {16000, 1, QEL_PARTICIPANT_REGULAR},
@@ -59,7 +60,14 @@ TEST(AudioAllocation, SteadyBlockPeriodsAllocateNothingInEveryFormatAndSetting) 
                 }
             }
             for (const auto& [control, value] : settings[setting]) {
-                ASSERT_EQ(qel_set_all_participants_state(lib, 1, control, value), QEL_ERROR_NONE);
+                if (control != QEL_CONTROL_AUTO_EQ_ENABLE) {
+                    ASSERT_EQ(qel_set_all_participants_state(lib, 1, control, value),
+                              QEL_ERROR_NONE);
+                    continue;
+                }
+                for (uint32_t id : {0u, 2u}) // auto EQ takes 48 kHz input only
+                    ASSERT_EQ(qel_set_participant_state(lib, 1, id, control, value),
+                              QEL_ERROR_NONE);
             }
             const int heard =
                 setting == std::size(settings) - 1 ? QEL_ERROR_NO_INPUT_AUDIO : QEL_ERROR_NONE;
