@@ -27,6 +27,26 @@ inline void set_block_counters(benchmark::State& state, int64_t samples_per_bloc
         benchmark::Counter(block_seconds, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// "rtf": CPU time per second of audio on one core (the real-time factor; its
+// inverse is how many such streams one core carries).
+inline void set_realtime_counter(benchmark::State& state, double seconds_per_iteration) {
+    state.counters["rtf"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * seconds_per_iteration,
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+// A talker with background noise, long enough that the state keeps moving.
+inline std::vector<float> noisy_talker(int32_t frames) {
+    std::vector<float> x(static_cast<std::size_t>(frames));
+    talker_signal(0, 48000, 0, x.data(), frames);
+    uint32_t seed = 1u;
+    for (float& v : x) {
+        seed = seed * 1664525u + 1013904223u;
+        v += 0.01f * (static_cast<float>(seed >> 8) / 16777216.0f - 0.5f);
+    }
+    return x;
+}
+
 // A listener engine with `count` mono 48 kHz talkers (ids 1..count), each
 // with its own block; submit_all() is one block period of their input calls.
 struct listener_with_talkers {

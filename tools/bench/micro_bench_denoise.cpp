@@ -14,25 +14,9 @@
 
 namespace {
 
+using quelora::bench::noisy_talker;
+using quelora::bench::set_realtime_counter;
 using quelora::denoise::noise_canceller;
-
-void set_realtime_counter(benchmark::State& state, double seconds_per_iteration) {
-    state.counters["rtf"] = benchmark::Counter(
-        static_cast<double>(state.iterations()) * seconds_per_iteration,
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-}
-
-// A talker with background noise, long enough that the state keeps moving.
-std::vector<float> noisy_talker(int32_t frames) {
-    std::vector<float> x(static_cast<std::size_t>(frames));
-    quelora::bench::talker_signal(0, 48000, 0, x.data(), frames);
-    uint32_t seed = 1u;
-    for (float& v : x) {
-        seed = seed * 1664525u + 1013904223u;
-        v += 0.01f * (static_cast<float>(seed >> 8) / 16777216.0f - 0.5f);
-    }
-    return x;
-}
 
 void BM_NoiseCancellerBlock(benchmark::State& state) {
     const auto frames = static_cast<int32_t>(state.range(0));
