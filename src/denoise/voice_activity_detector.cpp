@@ -10,8 +10,6 @@ namespace quelora::denoise {
 
 namespace {
 
-constexpr int32_t hop = voice_activity_detector::hop;
-
 // The suppressor works in the 16-bit sample range. The way back multiplies by
 // this rounded constant rather than dividing by 32768; hosts compare levels
 // against earlier releases that did the same.
