@@ -1,0 +1,248 @@
+"""Train the recurrent suppressor's twin on feature records, export `.rnnn`.
+
+Input: folders written by mix.py (features, targets, silent, level, starts). Each step takes
+--batch random windows of --frames frames from the training sequences (a window never spans
+two sequences; the states start at zero, as the suppressor's do).
+
+Loss per frame, silent frames left out (the suppressor skips the network there):
+- gains: over the bands whose target is defined (not -1), with e = sqrt(g_hat) - sqrt(g):
+  10 (e^2 + e^4) + 0.01 BCE(g_hat, g) - the square on square roots is the paper's loss, the
+  fourth power adds weight to large errors, the cross-entropy keeps gradients alive where a
+  sigmoid saturates;
+- voice probability: 0.5 BCE(vad, label), label = mix.py's voice label (clean frame within
+  --label-db, default 20 dB, of its utterance's active level, or one of the 10 frames after
+  such a frame).
+Adam, linear warm-up, cosine decay over the wall-time budget, gradient norm clipping, and
+every parameter clipped to [-128/256, 127/256] after each step so that the export loses only
+rounding.
+
+    /usr/bin/python3 training/rnn/train.py --train /tmp/rnn/train --val /tmp/rnn/val \
+        --minutes 40 --threads 1 --out /tmp/rnn/model.rnnn --checkpoint /tmp/rnn/model.ckpt
+
+With an existing --checkpoint the run resumes from it (model, optimiser, step count).
+"""
+
+import argparse
+import math
+import os
+import sys
+import time
+
+
+def _threads_from_argv():
+    for i, a in enumerate(sys.argv):
+        if a == "--threads" and i + 1 < len(sys.argv):
+            return sys.argv[i + 1]
+        if a.startswith("--threads="):
+            return a.split("=", 1)[1]
+    return "1"
+
+
+os.environ.setdefault("OPENBLAS_NUM_THREADS", _threads_from_argv())
+os.environ.setdefault("OMP_NUM_THREADS", _threads_from_argv())
+
+import numpy as np  # noqa: E402
+import scipy.stats  # noqa: E402
+import torch  # noqa: E402
+
+import mix  # noqa: E402
+import twin  # noqa: E402
+
+GAIN_WEIGHT = 10.0
+GAIN_BCE_WEIGHT = 0.01
+VAD_WEIGHT = 0.5
+EPS = 1e-7
+
+
+# ---- data ---------------------------------------------------------------------------------
+class RecordSet:
+    def __init__(self, folder, label_db):
+        def arr(name):
+            return np.load(os.path.join(folder, name + ".npy"), mmap_mode=None)
+        self.features = arr("features").astype(np.float32)
+        self.targets = arr("targets").astype(np.float32)
+        self.silent = arr("silent").astype(np.float32)
+        self.starts = arr("starts")
+        self.label = mix.voice_label(arr("level"), label_db, starts=self.starts).astype(
+            np.float32)
+        self.frames = int(self.starts[-1])
+
+    def windows(self, rng, count, length):
+        """count random (start, length) windows, each inside one sequence."""
+        lengths = np.diff(self.starts)
+        ok = np.flatnonzero(lengths >= length)
+        if ok.size == 0:
+            raise SystemExit("no sequence of %d frames" % length)
+        seq = rng.choice(ok, count, p=lengths[ok] / lengths[ok].sum())
+        return [int(self.starts[s] + rng.randint(lengths[s] - length + 1)) for s in seq]
+
+    def batch(self, starts, length):
+        idx = np.asarray(starts)[:, None] + np.arange(length)[None, :]
+        t = torch.from_numpy
+        return (t(self.features[idx]), t(self.targets[idx]), t(self.silent[idx]),
+                t(self.label[idx]))
+
+    def sequences(self):
+        for a, b in zip(self.starts[:-1], self.starts[1:]):
+            yield self.batch([a], int(b - a))
+
+
+# ---- loss and scores ----------------------------------------------------------------------
+def losses(gains, vad, targets, silent, label):
+    """(total, gain term, voice term), each a mean over the frames / bands that count."""
+    active = (1.0 - silent).unsqueeze(-1)
+    mask = (targets >= 0).float() * active
+    g = targets.clamp(0.0, 1.0)
+    gh = gains.clamp(EPS, 1.0 - EPS)
+    e = torch.sqrt(gh) - torch.sqrt(g)
+    bce = -(g * torch.log(gh) + (1.0 - g) * torch.log(1.0 - gh))
+    per_band = GAIN_WEIGHT * (e * e + e ** 4) + GAIN_BCE_WEIGHT * bce
+    gain_term = (per_band * mask).sum() / mask.sum().clamp_min(1.0)
+    v = vad.clamp(EPS, 1.0 - EPS)
+    vbce = -(label * torch.log(v) + (1.0 - label) * torch.log(1.0 - v))
+    a = active.squeeze(-1)
+    vad_term = (vbce * a).sum() / a.sum().clamp_min(1.0)
+    return gain_term + VAD_WEIGHT * vad_term, gain_term, vad_term
+
+
+def roc_auc(score, label):
+    """Area under the ROC curve (Mann-Whitney: ties count half)."""
+    score = np.asarray(score, np.float64)
+    label = np.asarray(label, bool)
+    pos, neg = int(label.sum()), int((~label).sum())
+    if pos == 0 or neg == 0:
+        return float("nan")
+    ranks = scipy.stats.rankdata(score)
+    return float((ranks[label].sum() - pos * (pos + 1) / 2.0) / (pos * neg))
+
+
+def validate(model, val):
+    """(loss, gain term, voice term, AUC of the voice probability over all frames)."""
+    model.eval()
+    tot = np.zeros(3)
+    frames = 0
+    vads, labels = [], []
+    with torch.no_grad():
+        for f, tg, s, lab in val.sequences():
+            gains, vad = model(f, s)
+            n = f.shape[1]
+            tot += n * np.array([float(x) for x in losses(gains, vad, tg, s, lab)])
+            frames += n
+            vads.append(vad.numpy().ravel())
+            labels.append(lab.numpy().ravel())
+    model.train()
+    return tuple(tot / frames) + (roc_auc(np.concatenate(vads), np.concatenate(labels)),)
+
+
+# ---- training -----------------------------------------------------------------------------
+def save(model, opt, step, args):
+    twin.export(model, args.out + ".tmp")
+    os.replace(args.out + ".tmp", args.out)
+    if args.checkpoint:
+        torch.save({"model": model.state_dict(), "opt": opt.state_dict(), "step": step},
+                   args.checkpoint + ".tmp")
+        os.replace(args.checkpoint + ".tmp", args.checkpoint)
+
+
+def main():
+    ap = argparse.ArgumentParser(description="Train the recurrent suppressor, export .rnnn.")
+    ap.add_argument("--train", required=True, help="record folder of mix.py")
+    ap.add_argument("--val", default=None, help="held-out record folder (mix.py --held-out)")
+    ap.add_argument("--minutes", type=float, default=30.0, help="wall-time budget")
+    ap.add_argument("--threads", type=int, default=1)
+    ap.add_argument("--out", required=True, help="the exported .rnnn")
+    ap.add_argument("--checkpoint", default=None, help="resumed from when it exists")
+    ap.add_argument("--init", default=None, help="start from the weights of a .rnnn file")
+    ap.add_argument("--batch", type=int, default=32)
+    ap.add_argument("--frames", type=int, default=1000, help="frames per window")
+    ap.add_argument("--lr", type=float, default=1e-3)
+    ap.add_argument("--final-lr", type=float, default=0.05, help="fraction of --lr at the end")
+    ap.add_argument("--warmup", type=int, default=50, help="steps of linear warm-up")
+    ap.add_argument("--clip", type=float, default=1.0, help="gradient norm clip")
+    ap.add_argument("--save-minutes", type=float, default=5.0)
+    ap.add_argument("--log-seconds", type=float, default=30.0)
+    ap.add_argument("--label-db", type=float, default=mix.LABEL_BELOW_LEVEL_DB,
+                    help="voice label: frame within this many dB of its utterance's level")
+    ap.add_argument("--seed", type=int, default=1)
+    args = ap.parse_args()
+
+    torch.set_num_threads(args.threads)
+    torch.manual_seed(args.seed)
+    rng = np.random.RandomState(args.seed)
+    os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
+    data = RecordSet(args.train, args.label_db)
+    val = RecordSet(args.val, args.label_db) if args.val else None
+    print("training records: %d frames (%.2f h) in %d sequences%s" % (
+        data.frames, data.frames / 360000.0, len(data.starts) - 1,
+        "; validation %d frames (%.2f h)" % (val.frames, val.frames / 360000.0) if val else ""),
+        flush=True)
+
+    model = twin.load(args.init) if args.init else twin.RnnTwin()
+    model.clip_()
+    opt = torch.optim.Adam(model.parameters(), lr=args.lr)
+    step = 0
+    if args.checkpoint and os.path.exists(args.checkpoint):
+        ck = torch.load(args.checkpoint)
+        model.load_state_dict(ck["model"])
+        opt.load_state_dict(ck["opt"])
+        step = ck["step"]
+        print("resumed from %s at step %d" % (args.checkpoint, step), flush=True)
+    if val:
+        print("validation at start: loss %.4f (gains %.4f, voice %.4f), AUC %.4f" %
+              validate(model, val), flush=True)
+
+    budget = args.minutes * 60.0
+    start = time.time()
+    last_log = last_save = start
+    acc = np.zeros(4)
+    acc_n = 0
+    seen = 0
+    while time.time() - start < budget:
+        elapsed = time.time() - start
+        warm = min(1.0, (step + 1) / args.warmup)
+        cosine = 0.5 * (1 + math.cos(math.pi * elapsed / budget))
+        decay = args.final_lr + (1 - args.final_lr) * cosine
+        for g in opt.param_groups:
+            g["lr"] = args.lr * warm * decay
+        f, tg, s, lab = data.batch(data.windows(rng, args.batch, args.frames), args.frames)
+        gains, vad = model(f, s)
+        loss, gl, vl = losses(gains, vad, tg, s, lab)
+        opt.zero_grad(set_to_none=True)
+        loss.backward()
+        norm = torch.nn.utils.clip_grad_norm_(model.parameters(), args.clip)
+        if torch.isfinite(loss) and torch.isfinite(norm):
+            opt.step()
+            model.clip_()
+        step += 1
+        seen += args.batch * args.frames
+        acc += [float(loss), float(gl), float(vl), float(norm)]
+        acc_n += 1
+        now = time.time()
+        if now - last_log >= args.log_seconds:
+            a = acc / acc_n
+            print("step %5d  %5.0f s  loss %.4f (gains %.4f, voice %.4f)  grad %.3f  lr %.2e  "
+                  "%.0f frames/s" % (step, now - start, a[0], a[1], a[2], a[3],
+                                     opt.param_groups[0]["lr"], seen / (now - start)),
+                  flush=True)
+            acc[:] = 0
+            acc_n = 0
+            last_log = now
+        if now - last_save >= args.save_minutes * 60.0:
+            save(model, opt, step, args)
+            if val:
+                print("saved %s; validation loss %.4f (gains %.4f, voice %.4f), AUC %.4f" % (
+                    (args.out,) + validate(model, val)), flush=True)
+            last_save = time.time()
+
+    save(model, opt, step, args)
+    total = time.time() - start
+    print("done: %d steps in %.1f min, %d frames seen (%.1f h of audio), %.0f frames/s; %s" % (
+        step, total / 60, seen, seen / 360000.0, seen / total, args.out), flush=True)
+    if val:
+        # Score the exported (quantised) weights, as the library will run them.
+        print("validation of the exported model: loss %.4f (gains %.4f, voice %.4f), "
+              "AUC %.4f" % validate(twin.load(args.out), val), flush=True)
+
+
+if __name__ == "__main__":
+    main()
