@@ -13,8 +13,9 @@ mixture runs through the feature tool with each model, so every figure is the C+
   them - at most a 0.6 fall per frame, interpolated over the bins, bins from 400 (20 kHz)
   up removed, silent frames passed - to the 960-point windowed spectra of the high-passed
   speech and noise separately (the gains are fixed by the noisy analysis, so the output is
-  the sum of the two), then overlap-added. The pitch filter (step 8 of the algorithm) is left
-  out: it re-adds a little periodic energy and is the same for every model. The reference
+  the sum of the two), then overlap-added. The pitch filter (step 9 of docs/rnn_suppressor.md)
+  is left out, its inputs are not in the records; README.md compares this score with the
+  whole suppressor's output. The reference
   is the same chain with all gains 1 (the high-passed clean speech, 480 samples late).
   Reported: SI-SDR of the noisy input and of the output, and the noise and speech
   attenuation in dB (energy of the noise / speech component before over after).

@@ -100,7 +100,8 @@ def parse(text):
 
 
 def check_chain(layers):
-    """The sizes must chain as the network wires its layers (twin.py, step 7)."""
+    """The sizes must chain as the network wires its layers (step 8 of
+    docs/rnn_suppressor.md, twin.py)."""
     d, vad, noise, den, out, vout = layers
     want = {
         "input_dense": (42, d.n_out),

@@ -1,4 +1,4 @@
-"""PyTorch twin of the recurrent suppressor's network (docs/rnn_suppressor.md, step 7).
+"""PyTorch twin of the recurrent suppressor's network (docs/rnn_suppressor.md, step 8).
 
 Sequence mode over [batch, frames, 42] features:
     d        = tanh(Dense_in(features))                          42 -> 24
