@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cmath>
 #include <random>
 #include <thread>
 #include <vector>
@@ -60,6 +62,55 @@ constexpr qt::api_op mostly_audio[] = {
     set_state,    set_all_states, set_layout,  flush,       set_seat,     set_position};
 TEST(AudioStress, TalkersAndListenersBesideMembershipLayoutAndControlChurn) {
     run_programs(6, 12000, mostly_audio);
+}
+
+// Talkers with every input stage on, each fed and heard on its own thread, while another thread
+// switches the canceller path (ANC high on and off, which restarts the DFN canceller), AGC, auto
+// EQ and the mix under them: the stages' state is only touched under each talker's input mutex.
+TEST(AudioStress, TalkersWithEveryInputStageWhileTheirControlsChange) {
+    qt::library_handle lib(nullptr, qt::default_configuration());
+    ASSERT_EQ(qel_create_room(lib, 1), QEL_ERROR_NONE);
+    constexpr uint32_t talkers = 4;
+    for (uint32_t id = 0; id < talkers; ++id) {
+        ASSERT_EQ(qel_add_participant(lib, 1, id, "t", qt::regular(48000, 1 + id % 2)),
+                  QEL_ERROR_NONE);
+        for (const auto control :
+             {QEL_CONTROL_ANC_ENABLE, QEL_CONTROL_AGC_ENABLE, QEL_CONTROL_AUTO_EQ_ENABLE})
+            ASSERT_EQ(qel_set_participant_state(lib, 1, id, control, 1), QEL_ERROR_NONE);
+        ASSERT_EQ(qel_set_participant_state(lib, 1, id, QEL_CONTROL_ANC_HIGH, id % 2),
+                  QEL_ERROR_NONE);
+    }
+    std::atomic<int> failures = 0;
+    std::vector<std::thread> threads;
+    for (uint32_t id = 0; id < talkers; ++id) {
+        threads.emplace_back([&, id] {
+            std::vector<float> in(960), out(960);
+            for (int block = 0; block < 300; ++block) {
+                for (size_t i = 0; i < in.size(); ++i)
+                    in[i] = 0.2f * std::sin(0.05f * float(block * 480 + int(i) + int(id) * 7));
+                failures += qel_input_audio_float(lib, 1, id, in.data(), 480) != QEL_ERROR_NONE;
+                const int heard = qel_output_audio_float(lib, 1, id, out.data());
+                failures += heard != QEL_ERROR_NONE && heard != QEL_ERROR_NO_INPUT_AUDIO;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        std::mt19937 random(3);
+        const qel_audio_control controls[] = {QEL_CONTROL_ANC_HIGH, QEL_CONTROL_ANC_ENABLE,
+                                              QEL_CONTROL_AGC_ENABLE, QEL_CONTROL_AUTO_EQ_ENABLE};
+        for (int change = 0; change < 400; ++change) {
+            const auto id = static_cast<uint32_t>(random() % talkers);
+            const qel_audio_control control = controls[random() % std::size(controls)];
+            failures +=
+                qel_set_participant_state(lib, 1, id, control,
+                                          static_cast<int32_t>(random() % 2)) != QEL_ERROR_NONE;
+            failures += qel_set_all_participants_state(lib, 1, QEL_CONTROL_ANC_MIX,
+                                                       static_cast<int32_t>(random() % 101)) !=
+                        QEL_ERROR_NONE;
+        }
+    });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
 }
 
 } // namespace
