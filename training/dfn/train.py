@@ -24,27 +24,20 @@ import sys
 import time
 
 
-def _threads_from_argv():
-    for i, a in enumerate(sys.argv):
-        if a == "--threads" and i + 1 < len(sys.argv):
-            return sys.argv[i + 1]
-        if a.startswith("--threads="):
-            return a.split("=", 1)[1]
-    return "1"
-
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+import shared  # noqa: E402
 
 # OpenBLAS (when it is the BLAS, see README.md) reads its thread count when torch loads it.
-os.environ.setdefault("OPENBLAS_NUM_THREADS", _threads_from_argv())
-os.environ.setdefault("OMP_NUM_THREADS", _threads_from_argv())
+shared.limit_threads()
 
 import numpy as np  # noqa: E402
 import soundfile as sf  # noqa: E402
 import torch  # noqa: E402
 
 import weight_table  # noqa: E402
+from shared import split_noise  # noqa: E402
 from dfn_twin import DfnTwin, dither, FRAME, SAMPLE_RATE, TARGET_DELAY_HOPS  # noqa: E402
 
-SPLIT_SEED = 20240613
 TRAIN_ACTORS = range(1, 19)
 EVAL_ACTORS = (19, 20)
 GAMMA = 0.3
@@ -61,27 +54,6 @@ def speech_files(data, actors):
     if not files:
         raise SystemExit("no speech files under %s/speech/ravdess" % data)
     return files
-
-
-def split_noise(data):
-    """(train, held_out) noise files, relative to data/noise: 20 % of each subfolder held out."""
-    root = os.path.join(data, "noise")
-    files = sorted(os.path.relpath(p, root)
-                   for p in glob.glob(os.path.join(root, "**", "*.flac"), recursive=True))
-    if not files:
-        raise SystemExit("no noise files under %s" % root)
-    groups = {}
-    for f in files:
-        groups.setdefault(os.path.dirname(f), []).append(f)
-    rng = np.random.RandomState(SPLIT_SEED)
-    train, held = [], []
-    for folder in sorted(groups):
-        g = list(groups[folder])
-        rng.shuffle(g)
-        k = max(1, int(round(0.2 * len(g))))
-        held += g[:k]
-        train += g[k:]
-    return sorted(train), sorted(held)
 
 
 def load(path):

@@ -49,10 +49,12 @@ import numpy as np
 import scipy.signal
 import soundfile as sf
 
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+import shared  # noqa: E402
+
 SAMPLE_RATE = 48000
 FRAME = 480
 RECORD = 89
-NOISE_SPLIT_SEED = 20240613       # training/dfn's split
 TRAIN_ACTORS = range(1, 19)
 EVAL_ACTORS = (19, 20)
 VCTK_HELD_OUT = 50
@@ -80,23 +82,10 @@ def speech_files(data, held_out):
 
 
 def noise_files(data, held_out):
+    """The noise files of the split every trainer uses (training/shared.py)."""
+    train, held = shared.split_noise(data)
     root = os.path.join(data, "noise")
-    files = sorted(os.path.relpath(p, root)
-                   for p in glob.glob(os.path.join(root, "**", "*.flac"), recursive=True))
-    if not files:
-        raise SystemExit("no noise files under %s" % root)
-    groups = {}
-    for f in files:
-        groups.setdefault(os.path.dirname(f), []).append(f)
-    rng = np.random.RandomState(NOISE_SPLIT_SEED)
-    train, held = [], []
-    for folder in sorted(groups):
-        g = list(groups[folder])
-        rng.shuffle(g)
-        k = max(1, int(round(0.2 * len(g))))
-        held += g[:k]
-        train += g[k:]
-    return [os.path.join(root, f) for f in sorted(held if held_out else train)]
+    return [os.path.join(root, f) for f in (held if held_out else train)]
 
 
 def load(path):

@@ -29,17 +29,10 @@ import sys
 import time
 
 
-def _threads_from_argv():
-    for i, a in enumerate(sys.argv):
-        if a == "--threads" and i + 1 < len(sys.argv):
-            return sys.argv[i + 1]
-        if a.startswith("--threads="):
-            return a.split("=", 1)[1]
-    return "1"
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+import shared  # noqa: E402
 
-
-os.environ.setdefault("OPENBLAS_NUM_THREADS", _threads_from_argv())
-os.environ.setdefault("OMP_NUM_THREADS", _threads_from_argv())
+shared.limit_threads()  # before torch loads OpenBLAS
 
 import numpy as np  # noqa: E402
 import scipy.stats  # noqa: E402
