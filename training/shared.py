@@ -2,6 +2,8 @@
 
 - `limit_threads()`: the BLAS and OpenMP thread counts, from the script's `--threads` (default
   1). OpenBLAS reads them when torch loads it, so call this before numpy and torch are imported.
+- `save_checkpoint` / `resume_checkpoint`: model, optimiser and step count in one file, written
+  beside it and renamed into place, so that an interrupted run never leaves half a checkpoint.
 - `split_noise(data)`: the noise files of the data folder split into training and held-out
   files, 20 % of each subfolder held out with a fixed seed. Every network is trained and scored
   on the same split, so held-out figures of different models compare.
@@ -55,3 +57,24 @@ def split_noise(data):
         held += g[:k]
         train += g[k:]
     return sorted(train), sorted(held)
+
+
+def save_checkpoint(path, model, opt, step):
+    import torch
+
+    torch.save({"model": model.state_dict(), "opt": opt.state_dict(), "step": step},
+               path + ".tmp")
+    os.replace(path + ".tmp", path)
+
+
+def resume_checkpoint(path, model, opt):
+    """Loads an existing checkpoint into model and opt; returns its step count (0 without one)."""
+    import torch
+
+    if not path or not os.path.exists(path):
+        return 0
+    ck = torch.load(path)
+    model.load_state_dict(ck["model"])
+    opt.load_state_dict(ck["opt"])
+    print("resumed from %s at step %d" % (path, ck["step"]), flush=True)
+    return ck["step"]

@@ -185,9 +185,7 @@ def save(model, opt, step, args, data):
     os.replace(args.out + ".tmp", args.out)
     model.train()
     if args.checkpoint:
-        torch.save({"model": model.state_dict(), "opt": opt.state_dict(), "step": step},
-                   args.checkpoint + ".tmp")
-        os.replace(args.checkpoint + ".tmp", args.checkpoint)
+        shared.save_checkpoint(args.checkpoint, model, opt, step)
 
 
 def pass_through_init(model):
@@ -249,13 +247,7 @@ def main():
     model = DfnTwin()
     pass_through_init(model)
     opt = torch.optim.Adam(model.parameters(), lr=args.lr)
-    step = 0
-    if args.checkpoint and os.path.exists(args.checkpoint):
-        ck = torch.load(args.checkpoint)
-        model.load_state_dict(ck["model"])
-        opt.load_state_dict(ck["opt"])
-        step = ck["step"]
-        print("resumed from %s at step %d" % (args.checkpoint, step), flush=True)
+    step = shared.resume_checkpoint(args.checkpoint, model, opt)
     model.train()
     print("validation loss at start: %.4f" % validate(model, val), flush=True)
 

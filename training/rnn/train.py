@@ -132,9 +132,7 @@ def save(model, opt, step, args):
     twin.export(model, args.out + ".tmp")
     os.replace(args.out + ".tmp", args.out)
     if args.checkpoint:
-        torch.save({"model": model.state_dict(), "opt": opt.state_dict(), "step": step},
-                   args.checkpoint + ".tmp")
-        os.replace(args.checkpoint + ".tmp", args.checkpoint)
+        shared.save_checkpoint(args.checkpoint, model, opt, step)
 
 
 def main():
@@ -173,13 +171,7 @@ def main():
     model = twin.load(args.init) if args.init else twin.RnnTwin()
     model.clip_()
     opt = torch.optim.Adam(model.parameters(), lr=args.lr)
-    step = 0
-    if args.checkpoint and os.path.exists(args.checkpoint):
-        ck = torch.load(args.checkpoint)
-        model.load_state_dict(ck["model"])
-        opt.load_state_dict(ck["opt"])
-        step = ck["step"]
-        print("resumed from %s at step %d" % (args.checkpoint, step), flush=True)
+    step = shared.resume_checkpoint(args.checkpoint, model, opt)
     if val:
         print("validation at start: loss %.4f (gains %.4f, voice %.4f), AUC %.4f" %
               validate(model, val), flush=True)
