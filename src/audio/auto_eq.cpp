@@ -43,6 +43,7 @@ std::complex<double> unit_delay(double hz) {
 }
 
 using biquad = auto_eq::biquad;
+using biquad_state = auto_eq::biquad_state;
 
 // The two filter shapes of the audio-EQ cookbook, normalised to a0 = 1.
 biquad make_biquad(double b0, double b1, double b2, double a0, double a1, double a2) {
@@ -65,6 +66,13 @@ double magnitude(const biquad& f, std::complex<double> z) {
 }
 
 double finite_or_zero(float x) { return std::isfinite(x) ? x : 0.0; }
+
+// One sample through a section in direct form I.
+double run(const biquad& f, biquad_state& s, double x) {
+    const double y = f.b0 * x + f.b1 * s.x1 + f.b2 * s.x2 - f.a1 * s.y1 - f.a2 * s.y2;
+    s = {x, s.x1, y, s.y1};
+    return y;
+}
 
 } // namespace
 
@@ -113,11 +121,7 @@ void auto_eq::measure(const float* input, bool speech) {
         auto [s, t] = analysis_state_[b];
         double sum = 0.0;
         for (int32_t i = 0; i < frames_; ++i) {
-            const double x = finite_or_zero(input[i]);
-            const double y = f.b0 * x + f.b1 * s.x1 + f.b2 * s.x2 - f.a1 * s.y1 - f.a2 * s.y2;
-            s = {x, s.x1, y, s.y1};
-            const double z = f.b0 * y + f.b1 * t.x1 + f.b2 * t.x2 - f.a1 * t.y1 - f.a2 * t.y2;
-            t = {y, t.x1, z, t.y1};
+            const double z = run(f, t, run(f, s, finite_or_zero(input[i])));
             sum += z * z;
         }
         analysis_state_[b] = {s, t};
@@ -171,10 +175,7 @@ void auto_eq::equalise(float* output) {
         }
         const biquad& f = eq_[b];
         for (int32_t i = 0; i < frames_; ++i) {
-            const double x = finite_or_zero(output[i]);
-            const double y = f.b0 * x + f.b1 * s.x1 + f.b2 * s.x2 - f.a1 * s.y1 - f.a2 * s.y2;
-            s = {x, s.x1, y, s.y1};
-            output[i] = static_cast<float>(y);
+            output[i] = static_cast<float>(run(f, s, finite_or_zero(output[i])));
         }
         if (!std::isfinite(s.y1) || !std::isfinite(s.y2)) s = {};
         eq_state_[b] = s;
