@@ -62,7 +62,7 @@ void input_chain::cancel_noise(const control_values& controls, bool canceller_ra
     }
     // The dry mix blends a canceller's output with the dry signal; with no
     // canceller object for the selected path there is nothing to blend, and
-    // the block passes unchanged (docs/status.md).
+    // the block passes unchanged.
     if (!processed) return;
     // Deliberately the start of the dry delay buffer in both paths, not the
     // speech model's copy at its end: the aligned dry signal with ANC high on,

@@ -19,8 +19,8 @@
 
 namespace quelora {
 
-// The chain's stage objects; any of them may be null (not built yet,
-// docs/status.md), and a null stage is skipped.
+// The chain's stage objects; a null stage is skipped (participants hold all
+// of them; tests and benchmarks build chains with some or none).
 struct input_stage_set {
     std::unique_ptr<speech_model> speech;
     std::unique_ptr<noise_canceller_stage> noise_canceller;

@@ -1,8 +1,8 @@
 // The calling contracts of the input chain's later stages: the speech model,
 // the high-quality noise canceller, automatic gain control, auto EQ and the
-// final shaping stage. The input chain calls them through these interfaces; a
-// participant holds a stage only once its implementation exists, and an
-// absent stage is skipped (docs/status.md lists which are absent).
+// final shaping stage. The input chain calls them through these interfaces;
+// every regular and source-only participant holds one of each
+// (conference/participant_stages.cpp), and a null stage is skipped.
 // Every process call runs on the participant's input thread under its input
 // mutex, on preallocated buffers: implementations must not allocate or lock.
 #pragma once
