@@ -3,6 +3,8 @@
 // computed once at construction; the shift and mean stay in the table.
 #pragma once
 
+#include "denoise/matvec_kernels.h"
+
 #include <cstdint>
 #include <vector>
 
@@ -18,6 +20,9 @@ public:
     void forward(const float* input, float* output);
     // The precomputed gamma[c] / sqrt(variance[c] + 1e-5).
     const float* factors() const { return factor_.data(); }
+    // This norm, then a ReLU when relu is set, as a product's epilogue
+    // (one row per channel; valid while the layer lives).
+    row_epilogue epilogue(bool relu) const { return {mean_, factor_.data(), beta_, relu}; }
 
 private:
     const float* beta_;

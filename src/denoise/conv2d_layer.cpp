@@ -18,7 +18,6 @@ namespace quelora::denoise {
 
 namespace {
 
-
 // Keeps every buffer size and Eigen index well inside int32.
 uint32_t checked_size(const char* name, uint64_t value) {
     if (value > static_cast<uint64_t>(std::numeric_limits<int32_t>::max()))
@@ -66,9 +65,9 @@ void split_phases(const float* __restrict row, uint32_t row_length, uint32_t str
 conv2d_layer::conv2d_layer(uint32_t time_length, uint32_t freq_length, uint32_t in_channels,
                            const float* weights, uint32_t kernel_time, uint32_t kernel_freq,
                            int32_t freq_stride, uint32_t out_channels, uint32_t time_pad_before,
-                           uint32_t time_pad_after, uint32_t groups)
-    : weights_(weights), kernels_(&selected_matvec_kernels()), time_(time_length),
-      freq_(freq_length), in_channels_(in_channels), out_channels_(out_channels), groups_(groups),
+                           uint32_t time_pad_after, uint32_t groups, const matvec_kernels& kernels)
+    : weights_(weights), kernels_(&kernels), time_(time_length), freq_(freq_length),
+      in_channels_(in_channels), out_channels_(out_channels), groups_(groups),
       kernel_time_(kernel_time), kernel_freq_(kernel_freq), stride_(0),
       time_pad_before_(time_pad_before), freq_pad_(kernel_freq / 2), padded_time_(0),
       padded_freq_(0), out_time_(0), out_freq_(0), patch_rows_(0), positions_(0),
@@ -125,7 +124,7 @@ conv2d_layer::conv2d_layer(uint32_t time_length, uint32_t freq_length, uint32_t 
     if (needs_padding_) padded_.assign(padded_size, 0.0f);
 }
 
-void conv2d_layer::forward(const float* input, float* output) {
+void conv2d_layer::forward(const float* input, float* output, const row_epilogue* after) {
     const float* source = input;
     if (needs_padding_) {
         pad_input(input);
@@ -134,13 +133,14 @@ void conv2d_layer::forward(const float* input, float* output) {
     switch (method_) {
     case method::depthwise:
         forward_depthwise(source, output);
+        if (after != nullptr) apply_row_epilogue(output, out_channels_, positions_, *after);
         break;
     case method::input_is_patches:
-        multiply(source, output);
+        multiply(source, output, after);
         break;
     case method::im2col:
         unfold(source);
-        multiply(patches_.data(), output);
+        multiply(patches_.data(), output, after);
         break;
     }
 }
@@ -214,13 +214,15 @@ void conv2d_layer::forward_depthwise(const float* source, float* output) {
 
 // Per group: (Cout/G x patch rows) weights times (patch rows x positions),
 // through the dispatched kernels of matvec_kernels.h.
-void conv2d_layer::multiply(const float* patches, float* output) const {
+void conv2d_layer::multiply(const float* patches, float* output, const row_epilogue* after) const {
     const uint32_t group_out = out_channels_ / groups_;
+    row_epilogue shifted{};
     for (uint32_t g = 0; g < groups_; ++g)
         kernels_->matrix_matrix(weights_ + std::size_t{g} * group_out * patch_rows_,
                                 patches + std::size_t{g} * patch_rows_ * positions_, group_out,
                                 patch_rows_, positions_,
-                                output + std::size_t{g} * group_out * positions_);
+                                output + std::size_t{g} * group_out * positions_,
+                                rows_from(after, g * group_out, shifted));
 }
 
 } // namespace quelora::denoise

@@ -4,23 +4,26 @@
 // docs/dfn.md section 1); all scratch is allocated at construction.
 #pragma once
 
+#include "denoise/matvec_kernels.h"
+
 #include <cstdint>
 #include <vector>
 
 namespace quelora::denoise {
-
-struct matvec_kernels;
 
 class conv2d_layer {
 public:
     conv2d_layer(uint32_t time_length, uint32_t freq_length, uint32_t in_channels,
                  const float* weights, uint32_t kernel_time, uint32_t kernel_freq,
                  int32_t freq_stride, uint32_t out_channels, uint32_t time_pad_before,
-                 uint32_t time_pad_after, uint32_t groups);
+                 uint32_t time_pad_after, uint32_t groups,
+                 const matvec_kernels& kernels = selected_matvec_kernels());
     // input: in_channels x time_length x freq_length;
     // output: out_channels x output_time_length() x output_freq_length().
-    // Never allocates; input and output must not alias.
-    void forward(const float* input, float* output);
+    // after, when given, is applied to each output channel's map (one row
+    // per output channel) before it is stored. Never allocates; input and
+    // output must not alias.
+    void forward(const float* input, float* output, const row_epilogue* after = nullptr);
     uint32_t output_time_length() const { return out_time_; }
     uint32_t output_freq_length() const { return out_freq_; }
 
@@ -40,10 +43,10 @@ private:
     void pad_input(const float* input);
     void unfold(const float* source);
     void forward_depthwise(const float* source, float* output);
-    void multiply(const float* patches, float* output) const;
+    void multiply(const float* patches, float* output, const row_epilogue* after) const;
 
     const float* weights_;
-    const matvec_kernels* kernels_; // chosen for this processor at construction
+    const matvec_kernels* kernels_;
     uint32_t time_, freq_, in_channels_, out_channels_, groups_;
     uint32_t kernel_time_, kernel_freq_, stride_;
     uint32_t time_pad_before_, freq_pad_;

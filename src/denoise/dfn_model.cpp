@@ -13,35 +13,42 @@ namespace quelora::denoise {
 
 namespace {
 
-constexpr uint32_t ch = 64;            // channels of every encoder/decoder map
-constexpr uint32_t erb = dfn_erb_bands; // 32
-constexpr uint32_t df = dfn_df_bins;    // 96
-constexpr uint32_t df_path_frames = 5;  // the DF path convolution's time kernel
+constexpr uint32_t ch = 64;                            // channels of every encoder/decoder map
+constexpr uint32_t erb = dfn_erb_bands;                // 32
+constexpr uint32_t df = dfn_df_bins;                   // 96
+constexpr uint32_t df_path_frames = 5;                 // the DF path convolution's time kernel
 constexpr uint32_t df_out_channels = 2 * dfn_df_order; // 10: tap x (re, im)
 constexpr uint32_t hidden = 256;
 
 // The constructors below take their tensors one statement at a time: the
 // reader hands them out in table order, and function arguments have no
 // evaluation order.
-conv2d_layer conv(dfn_weight_reader& r, uint32_t time, uint32_t freq, uint32_t in,
-                  uint32_t kernel_time, uint32_t kernel_freq, int32_t stride, uint32_t out,
-                  uint32_t groups) {
+// The reader also carries the kernels every layer is built with.
+struct layer_source {
+    dfn_weight_reader& r;
+    const matvec_kernels& kernels;
+    const float* take(tensor_kind kind, uint32_t count) { return r.take(kind, count); }
+};
+
+conv2d_layer conv(layer_source& r, uint32_t time, uint32_t freq, uint32_t in, uint32_t kernel_time,
+                  uint32_t kernel_freq, int32_t stride, uint32_t out, uint32_t groups) {
     const float* w = r.take(tensor_kind::weight, out * (in / groups) * kernel_time * kernel_freq);
-    return conv2d_layer(time, freq, in, w, kernel_time, kernel_freq, stride, out, 0, 0, groups);
+    return conv2d_layer(time, freq, in, w, kernel_time, kernel_freq, stride, out, 0, 0, groups,
+                        r.kernels);
 }
 
 // A 1x1 convolution with groups 1 (the pointwise half of a separable one).
-conv2d_layer pointwise(dfn_weight_reader& r, uint32_t freq, uint32_t in, uint32_t out) {
+conv2d_layer pointwise(layer_source& r, uint32_t freq, uint32_t in, uint32_t out) {
     return conv(r, 1, freq, in, 1, 1, 1, out, 1);
 }
 
 // Rows 31 and 36: depthwise 1x3, padding (0, 1), output padding (0, 1), stride (1, 2).
-conv_transpose2d_layer upsample(dfn_weight_reader& r, uint32_t freq) {
+conv_transpose2d_layer upsample(layer_source& r, uint32_t freq) {
     const float* w = r.take(tensor_kind::weight, ch * 3);
     return conv_transpose2d_layer(1, freq, ch, w, 1, 3, 0, 1, 0, 1, 1, 2, ch, ch);
 }
 
-batch_norm_layer norm(dfn_weight_reader& r, uint32_t channels, uint32_t freq) {
+batch_norm_layer norm(layer_source& r, uint32_t channels, uint32_t freq) {
     const float* scale = r.take(tensor_kind::bn_scale, channels);
     const float* shift = r.take(tensor_kind::bn_shift, channels);
     const float* mean = r.take(tensor_kind::bn_mean, channels);
@@ -49,18 +56,18 @@ batch_norm_layer norm(dfn_weight_reader& r, uint32_t channels, uint32_t freq) {
     return batch_norm_layer(scale, shift, mean, variance, channels, 1, freq);
 }
 
-grouped_linear_layer linear(dfn_weight_reader& r, uint32_t in, uint32_t out) {
+grouped_linear_layer linear(layer_source& r, uint32_t in, uint32_t out) {
     constexpr uint32_t groups = 8;
     const float* w = r.take(tensor_kind::weight, in * out / groups);
-    return grouped_linear_layer(w, in, out, groups);
+    return grouped_linear_layer(w, in, out, groups, r.kernels);
 }
 
-gru_layer gru(dfn_weight_reader& r) {
+gru_layer gru(layer_source& r) {
     std::array<const float*, 12> t{};
     for (int i = 0; i < 6; ++i) t[i] = r.take(tensor_kind::weight, hidden * hidden);
     for (int i = 6; i < 12; ++i) t[i] = r.take(tensor_kind::gru_bias, hidden);
     return gru_layer(hidden, hidden, t[0], t[1], t[2], t[3], t[4], t[5], t[6], t[7], t[8], t[9],
-                     t[10], t[11]);
+                     t[10], t[11], r.kernels);
 }
 
 // One layer over the hops of a call: forward for a single hop, forward_pair
@@ -74,10 +81,12 @@ void forward_hops(Layer& layer, Hops hops, Input input, Output output) {
         layer.forward(input(hops[0]), output(hops[0]));
 }
 
-// y := ReLU(y) after a batch norm in place: the "+ BN + ReLU" of every stage.
-void norm_relu(batch_norm_layer& bn, float* map, std::size_t count) {
-    bn.forward(map, map);
-    relu(map, map, count);
+// The "conv + BN + ReLU" of every stage, the norm and the ReLU folded into
+// the convolution's product.
+void conv_norm_relu(conv2d_layer& conv, const batch_norm_layer& bn, const float* input,
+                    float* output) {
+    const row_epilogue after = bn.epilogue(true);
+    conv.forward(input, output, &after);
 }
 
 } // namespace
@@ -85,7 +94,7 @@ void norm_relu(batch_norm_layer& bn, float* map, std::size_t count) {
 // Members in the order of the weight table's rows (dfn_weight_layout.h):
 // their initialisers take the tensors in that order.
 struct dfn_model::layers {
-    explicit layers(dfn_weight_reader& r)
+    explicit layers(layer_source& r)
         : erb_conv0(conv(r, 3, erb, 1, 3, 3, 1, ch, 1)), erb_bn0(norm(r, ch, erb)),
           erb_dw1(conv(r, 1, erb, ch, 1, 3, 2, ch, ch)), erb_pw1(pointwise(r, 16, ch, ch)),
           erb_bn1(norm(r, ch, 16)), erb_dw2(conv(r, 1, 16, ch, 1, 3, 2, ch, ch)),
@@ -108,8 +117,8 @@ struct dfn_model::layers {
           erb_out(conv(r, 1, erb, ch, 1, 3, 1, 1, 1)), erb_out_bn(norm(r, 1, erb)),
           df_path(conv(r, df_path_frames, df, ch, df_path_frames, 1, 1, df_out_channels, 2)),
           df_path_pw(pointwise(r, df, df_out_channels, df_out_channels)),
-          df_path_bn(norm(r, df_out_channels, df)), df_in(linear(r, hidden, hidden)),
-          gru3(gru(r)), df_out(linear(r, hidden, df * df_out_channels)) {}
+          df_path_bn(norm(r, df_out_channels, df)), df_in(linear(r, hidden, hidden)), gru3(gru(r)),
+          df_out(linear(r, hidden, df * df_out_channels)) {}
 
     conv2d_layer erb_conv0;
     batch_norm_layer erb_bn0;
@@ -153,9 +162,11 @@ struct dfn_model::layers {
     grouped_linear_layer df_out;
 };
 
-std::unique_ptr<dfn_model::layers> dfn_model::build_layers(const float* table) {
+std::unique_ptr<dfn_model::layers> dfn_model::build_layers(const float* table,
+                                                           const matvec_kernels& kernels) {
     dfn_weight_reader reader(table);
-    auto built = std::make_unique<layers>(reader);
+    layer_source source{reader, kernels};
+    auto built = std::make_unique<layers>(source);
     reader.finish();
     return built;
 }
@@ -165,10 +176,10 @@ dfn_model::hop_buffers::hop_buffers()
       x(hidden), y(hidden), emb(hidden), gru3_out(hidden), decoded(512), gains(erb),
       p(df * df_out_channels), coefficients(df * df_out_channels) {}
 
-dfn_model::dfn_model(const float* table)
-    : layers_(build_layers(table)), synthesis_(analysis_.band_widths()), c0_(ch * df),
-      c1_(ch * 48), df_path_history_(ch * df_path_frames * df), wide_(ch * df),
-      skip_(ch * erb), up_(ch * erb), df_path_(df_out_channels * df) {}
+dfn_model::dfn_model(const float* table, const matvec_kernels& kernels)
+    : layers_(build_layers(table, kernels)), synthesis_(analysis_.band_widths()), c0_(ch * df),
+      c1_(ch * 48), df_path_history_(ch * df_path_frames * df), wide_(ch * df), skip_(ch * erb),
+      up_(ch * erb), df_path_(df_out_channels * df) {}
 
 dfn_model::~dfn_model() = default;
 
@@ -195,21 +206,16 @@ void dfn_model::reset() {
 // next hop pushes its c0 into the DF-path history.
 void dfn_model::encode(hop_buffers& hop) {
     layers& l = *layers_;
-    l.erb_conv0.forward(analysis_.erb_features(), hop.e0.data());
-    norm_relu(l.erb_bn0, hop.e0.data(), hop.e0.size());
+    conv_norm_relu(l.erb_conv0, l.erb_bn0, analysis_.erb_features(), hop.e0.data());
     l.erb_dw1.forward(hop.e0.data(), wide_.data());
-    l.erb_pw1.forward(wide_.data(), hop.e1.data());
-    norm_relu(l.erb_bn1, hop.e1.data(), hop.e1.size());
+    conv_norm_relu(l.erb_pw1, l.erb_bn1, wide_.data(), hop.e1.data());
     l.erb_dw2.forward(hop.e1.data(), wide_.data());
-    l.erb_pw2.forward(wide_.data(), hop.e2.data());
-    norm_relu(l.erb_bn2, hop.e2.data(), hop.e2.size());
+    conv_norm_relu(l.erb_pw2, l.erb_bn2, wide_.data(), hop.e2.data());
     l.erb_dw3.forward(hop.e2.data(), wide_.data());
-    l.erb_pw3.forward(wide_.data(), hop.e3.data());
-    norm_relu(l.erb_bn3, hop.e3.data(), hop.e3.size());
+    conv_norm_relu(l.erb_pw3, l.erb_bn3, wide_.data(), hop.e3.data());
 
     l.df_conv0.forward(analysis_.complex_features(), wide_.data());
-    l.df_pw0.forward(wide_.data(), c0_.data());
-    norm_relu(l.df_bn0, c0_.data(), c0_.size());
+    conv_norm_relu(l.df_pw0, l.df_bn0, wide_.data(), c0_.data());
     // The DF path convolution reads [channel][hop][bin] over the last five
     // hops: shift every channel's hops by one and append c0 as the newest.
     for (uint32_t c = 0; c < ch; ++c) {
@@ -218,13 +224,11 @@ void dfn_model::encode(hop_buffers& hop) {
         std::memcpy(rows + (df_path_frames - 1) * df, c0_.data() + c * df, df * sizeof(float));
     }
     l.df_dw1.forward(c0_.data(), wide_.data());
-    l.df_pw1.forward(wide_.data(), c1_.data());
-    norm_relu(l.df_bn1, c1_.data(), c1_.size());
+    conv_norm_relu(l.df_pw1, l.df_bn1, wide_.data(), c1_.data());
 
     // The DF decoder's path over the five hops ending at this one.
     l.df_path.forward(df_path_history_.data(), wide_.data());
-    l.df_path_pw.forward(wide_.data(), df_path_.data());
-    norm_relu(l.df_path_bn, df_path_.data(), df_path_.size());
+    conv_norm_relu(l.df_path_pw, l.df_path_bn, wide_.data(), df_path_.data());
     transpose(df_path_.data(), hop.p.data(), df_out_channels, df);
 
     // The embedding's inputs: c1 as [bin][channel], e3 as [band][channel].
@@ -264,28 +268,24 @@ void dfn_model::decode_erb(hop_buffers& hop) {
 
     const auto skip_add = [&](conv2d_layer& path, batch_norm_layer& bn, const float* encoder,
                               std::size_t count) {
-        path.forward(encoder, skip_.data());
-        norm_relu(bn, skip_.data(), count);
+        conv_norm_relu(path, bn, encoder, skip_.data());
         dsp::add(up_.data(), skip_.data(), static_cast<int32_t>(count));
     };
     skip_add(l.path3, l.path3_bn, hop.e3.data(), ch * 8);
     l.dec_dw3.forward(skip_.data(), wide_.data());
-    l.dec_pw3.forward(wide_.data(), up_.data());
-    norm_relu(l.dec_bn3, up_.data(), ch * 8);
+    conv_norm_relu(l.dec_pw3, l.dec_bn3, wide_.data(), up_.data());
 
     skip_add(l.path2, l.path2_bn, hop.e2.data(), ch * 8);
     l.up2_dw.forward(skip_.data(), wide_.data());
-    l.up2_pw.forward(wide_.data(), up_.data());
-    norm_relu(l.up2_bn, up_.data(), ch * 16);
+    conv_norm_relu(l.up2_pw, l.up2_bn, wide_.data(), up_.data());
 
     skip_add(l.path1, l.path1_bn, hop.e1.data(), ch * 16);
     l.up1_dw.forward(skip_.data(), wide_.data());
-    l.up1_pw.forward(wide_.data(), up_.data());
-    norm_relu(l.up1_bn, up_.data(), ch * erb);
+    conv_norm_relu(l.up1_pw, l.up1_bn, wide_.data(), up_.data());
 
     skip_add(l.path0, l.path0_bn, hop.e0.data(), ch * erb);
-    l.erb_out.forward(skip_.data(), hop.gains.data());
-    l.erb_out_bn.forward(hop.gains.data(), hop.gains.data());
+    const row_epilogue norm_only = l.erb_out_bn.epilogue(false);
+    l.erb_out.forward(skip_.data(), hop.gains.data(), &norm_only);
     sigmoid(hop.gains.data(), hop.gains.data(), erb);
 }
 

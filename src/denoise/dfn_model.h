@@ -22,7 +22,9 @@ class dfn_model {
 public:
     // table: 1 517 904 floats in the row order of dfn_weight_layout.h,
     // read-only and outliving the model; the layers point into it.
-    explicit dfn_model(const float* table);
+    // kernels: the vector kernels every layer uses (matvec_kernels.h).
+    explicit dfn_model(const float* table,
+                       const matvec_kernels& kernels = selected_matvec_kernels());
     ~dfn_model();
     dfn_model(const dfn_model&) = delete;
     dfn_model& operator=(const dfn_model&) = delete;
@@ -62,7 +64,7 @@ private:
         std::vector<float> coefficients;            // 960
     };
 
-    static std::unique_ptr<layers> build_layers(const float* table);
+    static std::unique_ptr<layers> build_layers(const float* table, const matvec_kernels& kernels);
     void encode(hop_buffers& hop);
     // One hop (process_hop) or a block's two (process_block).
     void embed(std::span<hop_buffers> hops);
@@ -73,13 +75,13 @@ private:
     std::unique_ptr<layers> layers_;
     dfn_synthesis synthesis_;
 
-    hop_buffers hops_[2]; // process_hop uses the first; process_block both
-    int last_ = 0;        // the hop gains() and coefficients() report
-    std::vector<float> c0_, c1_;                 // 64x96, 64x48
-    std::vector<float> df_path_history_;         // [64][5 hops][96], oldest hop first
-    std::vector<float> wide_;                    // scratch up to 64x96
-    std::vector<float> skip_, up_;               // 64x32 each
-    std::vector<float> df_path_;                 // 10x96 channel-major
+    hop_buffers hops_[2];                // process_hop uses the first; process_block both
+    int last_ = 0;                       // the hop gains() and coefficients() report
+    std::vector<float> c0_, c1_;         // 64x96, 64x48
+    std::vector<float> df_path_history_; // [64][5 hops][96], oldest hop first
+    std::vector<float> wide_;            // scratch up to 64x96
+    std::vector<float> skip_, up_;       // 64x32 each
+    std::vector<float> df_path_;         // 10x96 channel-major
 };
 
 } // namespace quelora::denoise

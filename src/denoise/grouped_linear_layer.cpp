@@ -13,8 +13,9 @@
 namespace quelora::denoise {
 
 grouped_linear_layer::grouped_linear_layer(const float* weights, uint32_t input_size,
-                                           uint32_t output_size, uint32_t groups)
-    : weights_(weights), kernels_(&selected_matvec_kernels()), groups_(groups), group_in_(0),
+                                           uint32_t output_size, uint32_t groups,
+                                           const matvec_kernels& kernels)
+    : weights_(weights), kernels_(&kernels), groups_(groups), group_in_(0),
       group_out_(0) {
     require_positive("grouped_linear", "groups", groups);
     // Deliberately stricter than "G divides I": the per-group width I / G
@@ -49,7 +50,7 @@ void grouped_linear_layer::forward(const float* input, float* output) {
     for (uint32_t g = 0; g < groups_; ++g)
         kernels_->matrix_matrix(input + std::size_t{g} * group_in_,
                                 weights_ + std::size_t{g} * group_in_ * group_out_, 1, group_in_,
-                                group_out_, output + std::size_t{g} * group_out_);
+                                group_out_, output + std::size_t{g} * group_out_, nullptr);
 }
 
 void grouped_linear_layer::forward_pair(const float* input_a, const float* input_b,

@@ -53,10 +53,11 @@ void multiply_gates_pair(const matvec_kernels& kernels, const float* const* w, b
 gru_layer::gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_ir,
                      const float* w_iz, const float* w_in, const float* w_hr, const float* w_hz,
                      const float* w_hn, const float* b_ir, const float* b_iz, const float* b_in,
-                     const float* b_hr, const float* b_hz, const float* b_hn)
+                     const float* b_hr, const float* b_hz, const float* b_hn,
+                     const matvec_kernels& kernels)
     : input_size_(input_size), hidden_size_(hidden_size), w_input_{w_ir, w_iz, w_in},
       w_hidden_{w_hr, w_hz, w_hn}, b_input_{b_ir, b_iz, b_in}, b_hidden_{b_hr, b_hz, b_hn},
-      input_block_(false), hidden_block_(false), kernels_(&selected_matvec_kernels()) {
+      input_block_(false), hidden_block_(false), kernels_(&kernels) {
     require_positive("gru", "input_size", input_size);
     require_positive("gru", "hidden_size", hidden_size);
     if (3 * uint64_t{hidden_size} * std::max(input_size, hidden_size) >

@@ -4,12 +4,12 @@
 // docs/dfn.md section 1).
 #pragma once
 
+#include "denoise/matvec_kernels.h"
+
 #include <cstdint>
 #include <vector>
 
 namespace quelora::denoise {
-
-struct matvec_kernels;
 
 class gru_layer {
 public:
@@ -17,7 +17,8 @@ public:
     gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_ir, const float* w_iz,
               const float* w_in, const float* w_hr, const float* w_hz, const float* w_hn,
               const float* b_ir, const float* b_iz, const float* b_in, const float* b_hr,
-              const float* b_hz, const float* b_hn);
+              const float* b_hz, const float* b_hn,
+              const matvec_kernels& kernels = selected_matvec_kernels());
     // output receives the new hidden state (hidden_size floats); may not alias input.
     // Never allocates.
     void forward(const float* input, float* output);
@@ -26,8 +27,7 @@ public:
     // taken in one pass over the input weights (the recurrent ones cannot:
     // step b needs step a's state). No output may alias an input or the
     // other output. Never allocates.
-    void forward_pair(const float* input_a, const float* input_b, float* output_a,
-                      float* output_b);
+    void forward_pair(const float* input_a, const float* input_b, float* output_a, float* output_b);
     // Zeroes the hidden state, as at construction. Never allocates.
     void reset();
     const float* hidden_state() const { return hidden_.data(); }
@@ -47,11 +47,11 @@ private:
     const float* b_input_[3];
     const float* b_hidden_[3];
     bool input_block_, hidden_block_; // the three matrices lie back to back
-    const matvec_kernels* kernels_;   // chosen for this processor at construction
-    std::vector<float> hidden_;       // h, zero at construction
-    std::vector<float> input_gates_;  // W_i· x for r, z, n (3H)
+    const matvec_kernels* kernels_;
+    std::vector<float> hidden_;        // h, zero at construction
+    std::vector<float> input_gates_;   // W_i· x for r, z, n (3H)
     std::vector<float> input_gates_b_; // the same for forward_pair's second step
-    std::vector<float> hidden_gates_; // W_h· h for r, z, n (3H)
+    std::vector<float> hidden_gates_;  // W_h· h for r, z, n (3H)
 };
 
 } // namespace quelora::denoise

@@ -1,4 +1,5 @@
-// The network layers' products, twice (see matvec_kernels.h). The portable
+// The network layers' products, portable and AVX2+FMA (see matvec_kernels.h;
+// the AVX-512 version lives in matvec_kernels_avx512.cpp). The portable
 // version is the Eigen code the layers ran before, so a processor without
 // AVX2 computes exactly what it did. The AVX2+FMA version is written with
 // intrinsics in functions carrying the target attribute, and deliberately
@@ -34,7 +35,7 @@ void portable_matrix_vector(const float* a, uint32_t rows, uint32_t cols, const 
 }
 
 void portable_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
-                            float* c) {
+                            float* c, const row_epilogue* epilogue) {
     const auto rows = static_cast<Eigen::Index>(m);
     const auto inner = static_cast<Eigen::Index>(k);
     const auto cols = static_cast<Eigen::Index>(n);
@@ -43,10 +44,12 @@ void portable_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t
         Eigen::Map<Eigen::RowVectorXf>(c, cols).noalias() =
             Eigen::Map<const Eigen::RowVectorXf>(a, inner) *
             Eigen::Map<const row_major>(b, inner, cols);
-        return;
+    } else {
+        Eigen::Map<row_major>(c, rows, cols).noalias() =
+            Eigen::Map<const row_major>(a, rows, inner) *
+            Eigen::Map<const row_major>(b, inner, cols);
     }
-    Eigen::Map<row_major>(c, rows, cols).noalias() =
-        Eigen::Map<const row_major>(a, rows, inner) * Eigen::Map<const row_major>(b, inner, cols);
+    if (epilogue != nullptr) apply_row_epilogue(c, m, n, *epilogue);
 }
 
 // The pair kernels of the portable version are the two single products:
@@ -60,8 +63,8 @@ void portable_matrix_vector_pair(const float* a, uint32_t rows, uint32_t cols, c
 
 void portable_row_pair_times_matrix(const float* a0, const float* a1, const float* b, uint32_t k,
                                     uint32_t n, float* c0, float* c1) {
-    portable_matrix_matrix(a0, b, 1, k, n, c0);
-    portable_matrix_matrix(a1, b, 1, k, n, c1);
+    portable_matrix_matrix(a0, b, 1, k, n, c0, nullptr);
+    portable_matrix_matrix(a1, b, 1, k, n, c1, nullptr);
 }
 
 const matvec_kernels portable{portable_matrix_vector, portable_matrix_matrix,
@@ -114,8 +117,8 @@ QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, co
     if (c + 8 <= cols) {
         const __m256 x0 = _mm256_loadu_ps(x + c);
         for (int r = 0; r < R; ++r)
-            even[r] = _mm256_fmadd_ps(
-                _mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c), x0, even[r]);
+            even[r] = _mm256_fmadd_ps(_mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c),
+                                      x0, even[r]);
         c += 8;
     }
     if (c < cols) {
@@ -123,8 +126,7 @@ QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, co
         const __m256 x0 = _mm256_maskload_ps(x + c, mask);
         for (int r = 0; r < R; ++r)
             odd[r] = _mm256_fmadd_ps(
-                _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask), x0,
-                odd[r]);
+                _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask), x0, odd[r]);
     }
     for (int r = 0; r < R; ++r) even[r] = _mm256_add_ps(even[r], odd[r]);
     if constexpr (R == 4) {
@@ -134,8 +136,8 @@ QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, co
     }
 }
 
-QUELORA_AVX2 void avx2_matrix_vector(const float* a, uint32_t rows, uint32_t cols,
-                                     const float* x, float* y) {
+QUELORA_AVX2 void avx2_matrix_vector(const float* a, uint32_t rows, uint32_t cols, const float* x,
+                                     float* y) {
     const std::size_t stride = cols;
     uint32_t r = 0;
     for (; r + 4 <= rows; r += 4) dot_rows<4>(a + r * stride, stride, cols, x, y + r);
@@ -145,9 +147,19 @@ QUELORA_AVX2 void avx2_matrix_vector(const float* a, uint32_t rows, uint32_t col
 // An R x 8V tile of c = a b, kept in R·V registers over the whole inner
 // dimension: each step loads V vectors of one row of b and broadcasts R
 // elements of a. With Partial the last vector is the row's masked tail.
+// A row's epilogue (matvec_kernels.h) on one vector of it.
+QUELORA_AVX2 inline __m256 finish(__m256 v, const row_epilogue* e, std::size_t row) {
+    if (e == nullptr) return v;
+    v = _mm256_sub_ps(v, _mm256_set1_ps(e->mean[row]));
+    v = _mm256_add_ps(_mm256_mul_ps(v, _mm256_set1_ps(e->factor[row])),
+                      _mm256_set1_ps(e->shift[row]));
+    return e->relu ? _mm256_max_ps(v, _mm256_setzero_ps()) : v;
+}
+
 template <int R, int V, bool Partial>
 QUELORA_AVX2 void product_tile(const float* a, std::size_t lda, const float* b, std::size_t ldb,
-                               uint32_t k, float* c, std::size_t ldc, __m256i tail) {
+                               uint32_t k, float* c, std::size_t ldc, __m256i tail,
+                               const row_epilogue* e) {
     __m256 acc[R * V];
     for (int i = 0; i < R * V; ++i) acc[i] = _mm256_setzero_ps();
     for (uint32_t l = 0; l < k; ++l) {
@@ -164,41 +176,43 @@ QUELORA_AVX2 void product_tile(const float* a, std::size_t lda, const float* b, 
     for (int r = 0; r < R; ++r) {
         float* c_row = c + static_cast<std::size_t>(r) * ldc;
         for (int v = 0; v < V; ++v) {
+            const __m256 out = finish(acc[r * V + v], e, static_cast<std::size_t>(r));
             if (Partial && v == V - 1)
-                _mm256_maskstore_ps(c_row + 8 * v, tail, acc[r * V + v]);
+                _mm256_maskstore_ps(c_row + 8 * v, tail, out);
             else
-                _mm256_storeu_ps(c_row + 8 * v, acc[r * V + v]);
+                _mm256_storeu_ps(c_row + 8 * v, out);
         }
     }
 }
 
 // A tile of `vectors` (1..V) column vectors: picks the instantiation.
 template <int R, int V>
-QUELORA_AVX2 void product_tile_of(uint32_t vectors, bool partial, const float* a,
-                                  std::size_t lda, const float* b, std::size_t ldb, uint32_t k,
-                                  float* c, std::size_t ldc, __m256i tail) {
+QUELORA_AVX2 void product_tile_of(uint32_t vectors, bool partial, const float* a, std::size_t lda,
+                                  const float* b, std::size_t ldb, uint32_t k, float* c,
+                                  std::size_t ldc, __m256i tail, const row_epilogue* e) {
     if constexpr (V > 1) {
         if (vectors < static_cast<uint32_t>(V)) {
-            product_tile_of<R, V - 1>(vectors, partial, a, lda, b, ldb, k, c, ldc, tail);
+            product_tile_of<R, V - 1>(vectors, partial, a, lda, b, ldb, k, c, ldc, tail, e);
             return;
         }
     }
     if (partial)
-        product_tile<R, V, true>(a, lda, b, ldb, k, c, ldc, tail);
+        product_tile<R, V, true>(a, lda, b, ldb, k, c, ldc, tail, e);
     else
-        product_tile<R, V, false>(a, lda, b, ldb, k, c, ldc, tail);
+        product_tile<R, V, false>(a, lda, b, ldb, k, c, ldc, tail, e);
 }
 
 // R rows of c, left to right in tiles of up to V vectors.
 template <int R, int V>
-QUELORA_AVX2 void product_rows(const float* a, const float* b, uint32_t k, uint32_t n, float* c) {
+QUELORA_AVX2 void product_rows(const float* a, const float* b, uint32_t k, uint32_t n, float* c,
+                               const row_epilogue* e) {
     const uint32_t vectors = (n + 7) / 8;
     const bool partial = n % 8 != 0;
     const __m256i tail = first_lanes(partial ? n % 8 : 8);
     for (uint32_t v = 0; v < vectors; v += V) {
         const uint32_t count = vectors - v < static_cast<uint32_t>(V) ? vectors - v : V;
         product_tile_of<R, V>(count, partial && v + count == vectors, a, k, b + 8 * v, n, k,
-                              c + 8 * v, n, tail);
+                              c + 8 * v, n, tail, e);
     }
 }
 
@@ -208,21 +222,26 @@ QUELORA_AVX2 void product_rows(const float* a, const float* b, uint32_t k, uint3
 // and more than one vector are avoided: GCC 12 then writes every
 // accumulator back to the stack on each step, which halved the speed.
 QUELORA_AVX2 void avx2_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k,
-                                     uint32_t n, float* c) {
+                                     uint32_t n, float* c, const row_epilogue* epilogue) {
+    row_epilogue shifted{};
     uint32_t i = 0;
     for (; i + 8 <= m; i += 8)
-        product_rows<8, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
+        product_rows<8, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                           rows_from(epilogue, i, shifted));
     for (; i + 4 <= m; i += 4)
-        product_rows<4, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
-    for (; i < m; ++i) product_rows<1, 8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n);
+        product_rows<4, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                           rows_from(epilogue, i, shifted));
+    for (; i < m; ++i)
+        product_rows<1, 8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                           rows_from(epilogue, i, shifted));
 }
 
 // R rows of a, each dotted with x0 and with x1: every row vector is loaded
 // once for both. One accumulator per (row, vector): with R = 4 that is
 // eight independent FMA chains, and eleven registers in all.
 template <int R>
-QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t cols,
-                                const float* x0, const float* x1, float* y0, float* y1) {
+QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t cols, const float* x0,
+                                const float* x1, float* y0, float* y1) {
     __m256 s0[R], s1[R];
     for (int r = 0; r < R; ++r) s0[r] = s1[r] = _mm256_setzero_ps();
     uint32_t c = 0;
@@ -240,8 +259,7 @@ QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t col
         const __m256 v0 = _mm256_maskload_ps(x0 + c, mask);
         const __m256 v1 = _mm256_maskload_ps(x1 + c, mask);
         for (int r = 0; r < R; ++r) {
-            const __m256 w =
-                _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask);
+            const __m256 w = _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask);
             s0[r] = _mm256_fmadd_ps(w, v0, s0[r]);
             s1[r] = _mm256_fmadd_ps(w, v1, s1[r]);
         }
@@ -258,8 +276,7 @@ QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t col
 }
 
 QUELORA_AVX2 void avx2_matrix_vector_pair(const float* a, uint32_t rows, uint32_t cols,
-                                          const float* x0, const float* x1, float* y0,
-                                          float* y1) {
+                                          const float* x0, const float* x1, float* y0, float* y1) {
     const std::size_t stride = cols;
     uint32_t r = 0;
     for (; r + 4 <= rows; r += 4)
@@ -301,8 +318,8 @@ QUELORA_AVX2 void pair_tile(const float* a0, const float* a1, const float* b, st
 // A pair tile of `vectors` (1..V) column vectors: picks the instantiation.
 template <int V>
 QUELORA_AVX2 void pair_tile_of(uint32_t vectors, bool partial, const float* a0, const float* a1,
-                               const float* b, std::size_t ldb, uint32_t k, float* c0,
-                               float* c1, __m256i tail) {
+                               const float* b, std::size_t ldb, uint32_t k, float* c0, float* c1,
+                               __m256i tail) {
     if constexpr (V > 1) {
         if (vectors < static_cast<uint32_t>(V)) {
             pair_tile_of<V - 1>(vectors, partial, a0, a1, b, ldb, k, c0, c1, tail);
@@ -334,11 +351,24 @@ const matvec_kernels avx2_fma{avx2_matrix_vector, avx2_matrix_matrix, avx2_matri
 #endif // QUELORA_HAVE_AVX2_KERNELS
 
 const matvec_kernels& choose_kernels() {
-    const matvec_kernels* fast = avx2_fma_matvec_kernels();
-    return fast != nullptr ? *fast : portable;
+    if (const matvec_kernels* widest = avx512_matvec_kernels()) return *widest;
+    if (const matvec_kernels* fast = avx2_fma_matvec_kernels()) return *fast;
+    return portable;
 }
 
 } // namespace
+
+// Element by element: the same operations, each rounded once, as the batch
+// norm layer and relu() apply.
+void apply_row_epilogue(float* c, uint32_t m, uint32_t n, const row_epilogue& e) {
+    for (uint32_t i = 0; i < m; ++i) {
+        float* row = c + std::size_t{i} * n;
+        const float mean = e.mean[i], factor = e.factor[i], shift = e.shift[i];
+        for (uint32_t j = 0; j < n; ++j) row[j] = (row[j] - mean) * factor + shift;
+        if (e.relu)
+            for (uint32_t j = 0; j < n; ++j) row[j] = row[j] > 0.0f ? row[j] : 0.0f;
+    }
+}
 
 const matvec_kernels& portable_matvec_kernels() { return portable; }
 

@@ -1,9 +1,13 @@
 // The matrix products under the network layers (GRU gates, grouped linear
-// blocks, convolutions as patch-matrix products), in two versions: a
-// portable one for the baseline x86-64 target and one for AVX2+FMA, picked
-// once per process from the processor dispatch (dsp/processor_dispatch.h).
-// The shipped library has to run on any x86-64, yet the DFN model meets its
-// real-time budget only with the wider instructions.
+// blocks, convolutions as patch-matrix products), in three versions: a
+// portable one for the baseline x86-64 target, one for AVX2+FMA and one for
+// AVX-512, picked once per process from the processor dispatch
+// (dsp/processor_dispatch.h). The shipped library has to run on any x86-64,
+// yet the DFN model meets its real-time budget only with the wider
+// instructions. Every version gives each output element the same sum up to
+// the order of its terms; the convolution products of the two vector
+// versions even keep that order (one FMA chain per element over the inner
+// dimension), so they agree bit for bit.
 // Plain function pointers rather than target_clones: the loader's ifunc
 // resolvers crash under ThreadSanitizer.
 #pragma once
@@ -12,16 +16,41 @@
 
 namespace quelora::denoise {
 
+// What the rows of a product go through before they are stored: the batch
+// norm and the ReLU that follow every convolution of the model, folded in so
+// that the map is written once. Row i of the call becomes
+// (c - mean[i]) * factor[i] + shift[i], each operation rounded on its own
+// exactly as the separate batch norm rounds it (the kernels are compiled
+// without floating-point contraction), then max(c, 0) when relu is set.
+struct row_epilogue {
+    const float* mean;
+    const float* factor;
+    const float* shift;
+    bool relu;
+};
+
+// The epilogue of a call's rows from `first` on (null stays null), for a
+// kernel that hands its rows out in blocks; `shifted` holds the result.
+inline const row_epilogue* rows_from(const row_epilogue* e, uint32_t first, row_epilogue& shifted) {
+    if (e == nullptr) return nullptr;
+    shifted = {e->mean + first, e->factor + first, e->shift + first, e->relu};
+    return &shifted;
+}
+
+// The epilogue on m rows of n floats in place, for the paths that compute a
+// map without these kernels (the depthwise convolutions).
+void apply_row_epilogue(float* c, uint32_t m, uint32_t n, const row_epilogue& e);
+
 struct matvec_kernels {
     // y[r] = sum_c a[r][c] x[c] for r < rows; a is row-major rows x cols.
     // y must not alias a or x.
-    void (*matrix_vector)(const float* a, uint32_t rows, uint32_t cols, const float* x,
-                          float* y);
+    void (*matrix_vector)(const float* a, uint32_t rows, uint32_t cols, const float* x, float* y);
     // c[i][j] = sum_l a[i][l] b[l][j]: a is m x k, b is k x n, c is m x n,
     // all row-major and dense. c must not alias a or b. With m = 1 this is
-    // the grouped linear layer's row vector times matrix.
+    // the grouped linear layer's row vector times matrix. epilogue, when not
+    // null, is applied to each row (its arrays hold m elements).
     void (*matrix_matrix)(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
-                          float* c);
+                          float* c, const row_epilogue* epilogue);
     // y0 = a x0 and y1 = a x1 in one pass over a (two hops of the model
     // sharing each loaded row, so the weights leave the cache once per
     // block). Neither y may alias a, x0 or x1, nor the other y.
@@ -41,6 +70,10 @@ const matvec_kernels& portable_matvec_kernels();
 // The AVX2+FMA version, or nullptr when the build target is not x86 or the
 // running processor lacks AVX2 or FMA.
 const matvec_kernels* avx2_fma_matvec_kernels();
+
+// The AVX-512 version (matvec_kernels_avx512.cpp), or nullptr when the build
+// target is not x86-64 or the running processor lacks AVX-512F.
+const matvec_kernels* avx512_matvec_kernels();
 
 // The fastest version the processor runs, chosen at the first call
 // (which initialises the processor dispatch if the library has not).

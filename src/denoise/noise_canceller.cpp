@@ -34,9 +34,10 @@ int32_t dry_delay(uint32_t frame_length) {
 } // namespace
 
 noise_canceller::noise_canceller(uint32_t sample_rate, uint32_t channels,
-                                 uint32_t frame_length, const float* table)
+                                 uint32_t frame_length, const float* table,
+                                 const matvec_kernels& kernels)
     : sample_rate_(sample_rate), channels_(channels), frame_length_(frame_length),
-      model_(std::make_unique<dfn_model>(table)),
+      model_(std::make_unique<dfn_model>(table, kernels)),
       input_fifo_(1, capacity(2048, int64_t{frame_length} + block)),
       output_fifo_(1, capacity(2048, int64_t{frame_length} + 2 * block)),
       dry_fifo_(1, capacity(4096, int64_t{dry_delay(frame_length)} + 2 * int64_t{frame_length})) {

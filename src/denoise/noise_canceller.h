@@ -22,9 +22,10 @@ class noise_canceller {
 public:
     // sample_rate is stored only (the model always runs at 48000 Hz); channels
     // 1 or 2; frame_length >= 1 samples per channel per call. table defaults to
-    // the compiled-in weights.
+    // the compiled-in weights, kernels to the fastest this processor runs.
     noise_canceller(uint32_t sample_rate, uint32_t channels, uint32_t frame_length,
-                    const float* table = dfn_default_weights());
+                    const float* table = dfn_default_weights(),
+                    const matvec_kernels& kernels = selected_matvec_kernels());
     ~noise_canceller();
     noise_canceller(const noise_canceller&) = delete;
     noise_canceller& operator=(const noise_canceller&) = delete;

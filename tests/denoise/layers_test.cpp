@@ -5,6 +5,7 @@
 #include "api/quelora_exception.h"
 #include "denoise/dfn_synthesis.h"
 #include "denoise/layers.h"
+#include "support/kernel_versions.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace quelora::denoise {
@@ -32,7 +34,7 @@ void expect_close(const std::vector<float>& got, const std::vector<double>& want
 // A GRU on a table-ordered parameter block. With `gaps` the twelve tensors are copied apart, so the
 // layer multiplies gate by gate instead of one [3H][cols] block per side.
 gru_layer make_gru(const std::vector<float>& p, uint32_t in, uint32_t hid, bool gaps,
-                   std::vector<float>& copy) {
+                   std::vector<float>& copy, const matvec_kernels& kernels) {
     const float* at[12];
     copy.assign(p.size() + 12, 0.0f);
     for (std::size_t m = 0, from = 0; m < 12; from += hid * (m < 3 ? in : m < 6 ? hid : 1), ++m) {
@@ -40,13 +42,19 @@ gru_layer make_gru(const std::vector<float>& p, uint32_t in, uint32_t hid, bool 
         at[m] = gaps ? copy.data() + from + m : p.data() + from;
     }
     return gru_layer(in, hid, at[0], at[1], at[2], at[3], at[4], at[5], at[6], at[7], at[8], at[9],
-                     at[10], at[11]);
+                     at[10], at[11], kernels);
 }
 
-class TorchAgreement : public ::testing::TestWithParam<const char*> {};
+// Each fixture on each kernel version the processor has.
+class TorchAgreement
+    : public ::testing::TestWithParam<std::tuple<const char*, testing::kernel_version>> {};
 
 TEST_P(TorchAgreement, LayerMatchesTheFixture) {
-    std::ifstream file(std::string(QUELORA_TEST_DATA_DIR) + "/dfn/layers/" + GetParam() + ".json");
+    const auto [fixture, version] = GetParam();
+    const matvec_kernels* kernels = testing::kernels_of(version);
+    if (kernels == nullptr)
+        GTEST_SKIP() << "the processor lacks " << testing::kernel_version_name(version);
+    std::ifstream file(std::string(QUELORA_TEST_DATA_DIR) + "/dfn/layers/" + fixture + ".json");
     ASSERT_TRUE(file.good());
     const auto f = nlohmann::json::parse(file);
     const std::string kind = f.at("kind");
@@ -58,7 +66,8 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
         for (const bool gaps : {false, true})
             for (const bool pair : {false, true}) {
                 std::vector<float> copy;
-                gru_layer gru = make_gru(w, arg("input_size"), arg("hidden_size"), gaps, copy);
+                gru_layer gru =
+                    make_gru(w, arg("input_size"), arg("hidden_size"), gaps, copy, *kernels);
                 y.assign(xs.size(), std::vector<float>(arg("hidden_size")));
                 if (pair) gru.forward_pair(xs[0].data(), xs[1].data(), y[0].data(), y[1].data());
                 for (std::size_t s = pair ? 2 : 0; s < xs.size(); ++s)
@@ -84,7 +93,7 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
         check(conv2d_layer(arg("time_length"), arg("freq_length"), arg("in_channels"), w.data(),
                            arg("kernel_time"), arg("kernel_freq"),
                            f.at("args").at("freq_stride").get<int32_t>(), arg("out_channels"),
-                           arg("time_pad_before"), arg("time_pad_after"), arg("groups")));
+                           arg("time_pad_before"), arg("time_pad_after"), arg("groups"), *kernels));
     if (kind == "conv_transpose2d")
         check(conv_transpose2d_layer(arg("in_time"), arg("in_freq"), arg("in_channels"), w.data(),
                                      arg("kernel_time"), arg("kernel_freq"), arg("pad_time"),
@@ -97,7 +106,8 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
                                arg("time_length"), arg("freq_length")));
     if (kind != "grouped_linear") return;
     // forward_pair on the fixture's input and its reverse, against forward.
-    grouped_linear_layer layer(w.data(), arg("input_size"), arg("output_size"), arg("groups"));
+    grouped_linear_layer layer(w.data(), arg("input_size"), arg("output_size"), arg("groups"),
+                               *kernels);
     check(layer);
     const std::vector<float> reversed(x.rbegin(), x.rend());
     std::vector<float> want_b(expected.size()), a(expected.size()), b(expected.size());
@@ -109,13 +119,20 @@ TEST_P(TorchAgreement, LayerMatchesTheFixture) {
 
 INSTANTIATE_TEST_SUITE_P(
     , TorchAgreement,
-    ::testing::Values("conv_erb0_3x3", "conv_df0_3x3_groups2", "conv_depthwise_1x3_stride2",
-                      "conv_depthwise_1x3_stride1", "conv_pointwise_64", "conv_dfpath_5x1_groups2",
-                      "conv_path_1x1_groups64", "conv_output_1x3_to1", "conv_time_padding",
-                      "conv_stride3_even_kernel", "convt_depthwise_8to16", "convt_groups2_4to6",
-                      "convt_stride3_k5", "batch_norm_64x16", "grouped_linear_256to256",
-                      "grouped_linear_64to96", "gru_24to16", "gru_16to16"),
-    [](const auto& param) { return std::string(param.param); });
+    ::testing::Combine(::testing::Values("conv_erb0_3x3", "conv_df0_3x3_groups2",
+                                         "conv_depthwise_1x3_stride2", "conv_depthwise_1x3_stride1",
+                                         "conv_pointwise_64", "conv_dfpath_5x1_groups2",
+                                         "conv_path_1x1_groups64", "conv_output_1x3_to1",
+                                         "conv_time_padding", "conv_stride3_even_kernel",
+                                         "convt_depthwise_8to16", "convt_groups2_4to6",
+                                         "convt_stride3_k5", "batch_norm_64x16",
+                                         "grouped_linear_256to256", "grouped_linear_64to96",
+                                         "gru_24to16", "gru_16to16"),
+                       testing::all_kernel_versions()),
+    [](const auto& param) {
+        return std::string(std::get<0>(param.param)) + "_" +
+               testing::kernel_version_name(std::get<1>(param.param));
+    });
 
 // The strided depthwise path (rows split into phases; the model's kernels are
 // 1x3 at stride 2 only) against the stride-1 path: output f at stride s is

@@ -1,11 +1,18 @@
-// The matrix kernels, portable and AVX2+FMA, against double sums on the model's
-// shapes and on odd ones reaching every remainder path, with a guard after each
-// output. Bound: k u sum_l |a_il b_lj| (u = 2^-24, k the inner length), the worst
-// case of k float products summed in any order; a wrong index is off by a term.
+// The matrix kernels, portable, AVX2+FMA and AVX-512, against double sums on the
+// model's shapes and on odd ones reaching every remainder path, with a guard after
+// each output. Bound: k u sum_l |a_il b_lj| (u = 2^-24, k the inner length), the
+// worst case of k float products summed in any order; a wrong index is off by a
+// term. The products with a batch-norm epilogue must equal, bit for bit, the
+// product followed by the separate norm and ReLU layers on the same kernels, and
+// the two vector versions' convolution products must equal each other.
+#include "denoise/activations.h"
+#include "denoise/batch_norm_layer.h"
 #include "denoise/matvec_kernels.h"
+#include "support/kernel_versions.h"
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <random>
 #include <string>
@@ -73,12 +80,16 @@ void expect_product(const std::vector<float>& c, const std::vector<float>& a,
         ASSERT_EQ(c[i], sentinel) << s.m << "x" << s.k << "x" << s.n << " wrote past its end";
 }
 
-class MatvecKernels : public ::testing::TestWithParam<std::tuple<bool, kernel>> {}; // AVX2+FMA?
+using testing::kernel_version;
+using testing::kernel_version_name;
+using testing::kernels_of;
+
+class MatvecKernels : public ::testing::TestWithParam<std::tuple<kernel_version, kernel>> {};
 
 TEST_P(MatvecKernels, MatchDoubleSumsAndWriteNothingPastTheEnd) {
-    const auto [fast, kind] = GetParam();
-    const matvec_kernels* f = fast ? avx2_fma_matvec_kernels() : &portable_matvec_kernels();
-    if (f == nullptr) GTEST_SKIP() << "the processor lacks AVX2 or FMA";
+    const auto [which, kind] = GetParam();
+    const matvec_kernels* f = kernels_of(which);
+    if (f == nullptr) GTEST_SKIP() << "the processor lacks " << kernel_version_name(which);
     for (const shape s : shapes(kind)) {
         // Pairs: two left rows share the right matrix, or two right vectors the left one.
         const auto a0 = random_values(s.m * s.k, s.m * 7919u + s.k);
@@ -87,7 +98,8 @@ TEST_P(MatvecKernels, MatchDoubleSumsAndWriteNothingPastTheEnd) {
         const auto b1 = kind == matrix_vector_pair ? random_values(b0.size(), 5) : b0;
         std::vector<float> c0(s.m * s.n + 16, sentinel), c1 = c0;
         if (kind == matrix_vector) f->matrix_vector(a0.data(), s.m, s.k, b0.data(), c0.data());
-        if (kind == matrix_matrix) f->matrix_matrix(a0.data(), b0.data(), s.m, s.k, s.n, c0.data());
+        if (kind == matrix_matrix)
+            f->matrix_matrix(a0.data(), b0.data(), s.m, s.k, s.n, c0.data(), nullptr);
         if (kind == matrix_vector_pair)
             f->matrix_vector_pair(a0.data(), s.m, s.k, b0.data(), b1.data(), c0.data(), c1.data());
         if (kind == row_pair_times_matrix)
@@ -100,14 +112,64 @@ TEST_P(MatvecKernels, MatchDoubleSumsAndWriteNothingPastTheEnd) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, MatvecKernels,
-                         ::testing::Combine(::testing::Bool(),
+                         ::testing::Combine(testing::all_kernel_versions(),
                                             ::testing::Values(matrix_vector, matrix_matrix,
                                                               matrix_vector_pair,
                                                               row_pair_times_matrix)),
                          [](const ::testing::TestParamInfo<MatvecKernels::ParamType>& param) {
-                             return std::string(std::get<0>(param.param) ? "Avx2Fma" : "Portable") +
+                             return std::string(kernel_version_name(std::get<0>(param.param))) +
                                     kernel_names[std::get<1>(param.param)];
                          });
+
+class MatvecEpilogue : public ::testing::TestWithParam<kernel_version> {};
+
+// Per shape, with and without the ReLU: NaN and values on both sides of the
+// mean reach every branch of the norm and the ReLU.
+TEST_P(MatvecEpilogue, EqualsTheProductThenTheNormAndReluLayers) {
+    const matvec_kernels* f = kernels_of(GetParam());
+    if (f == nullptr) GTEST_SKIP() << "the processor lacks " << kernel_version_name(GetParam());
+    for (const shape s : shapes(matrix_matrix)) {
+        const auto a = random_values(s.m * s.k, s.m + 11u * s.k);
+        auto b = random_values(s.k * s.n, 3u * s.k + s.n);
+        b[0] = std::nanf("");
+        const auto gamma = random_values(s.m, 1), beta = random_values(s.m, 2),
+                   mean = random_values(s.m, 3);
+        std::vector<float> variance = random_values(s.m, 4);
+        for (float& v : variance) v = std::fabs(v) + 0.1f;
+        batch_norm_layer norm(gamma.data(), beta.data(), mean.data(), variance.data(), s.m, 1, s.n);
+        for (const bool with_relu : {false, true}) {
+            std::vector<float> fused(s.m * s.n + 16, sentinel), separate = fused;
+            const row_epilogue e = norm.epilogue(with_relu);
+            f->matrix_matrix(a.data(), b.data(), s.m, s.k, s.n, fused.data(), &e);
+            f->matrix_matrix(a.data(), b.data(), s.m, s.k, s.n, separate.data(), nullptr);
+            norm.forward(separate.data(), separate.data());
+            if (with_relu) relu(separate.data(), separate.data(), s.m * s.n);
+            for (std::size_t i = 0; i < fused.size(); ++i)
+                ASSERT_EQ(std::bit_cast<uint32_t>(fused[i]), std::bit_cast<uint32_t>(separate[i]))
+                    << s.m << "x" << s.k << "x" << s.n << " relu " << with_relu << " element " << i;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, MatvecEpilogue, testing::all_kernel_versions(),
+                         [](const ::testing::TestParamInfo<kernel_version>& param) {
+                             return std::string(kernel_version_name(param.param));
+                         });
+
+// Both vector versions sum each convolution output in the same order.
+TEST(MatvecTiles, VectorVersionsGiveIdenticalConvolutionProducts) {
+    const matvec_kernels* avx2 = avx2_fma_matvec_kernels();
+    const matvec_kernels* avx512 = avx512_matvec_kernels();
+    if (avx2 == nullptr || avx512 == nullptr) GTEST_SKIP() << "the processor lacks AVX-512";
+    for (const shape s : shapes(matrix_matrix)) {
+        const auto a = random_values(s.m * s.k, s.m + 5u * s.k);
+        const auto b = random_values(s.k * s.n, s.k + 9u * s.n);
+        std::vector<float> c2(s.m * s.n), c5(s.m * s.n);
+        avx2->matrix_matrix(a.data(), b.data(), s.m, s.k, s.n, c2.data(), nullptr);
+        avx512->matrix_matrix(a.data(), b.data(), s.m, s.k, s.n, c5.data(), nullptr);
+        ASSERT_EQ(c2, c5) << s.m << "x" << s.k << "x" << s.n;
+    }
+}
 
 } // namespace
 } // namespace quelora::denoise

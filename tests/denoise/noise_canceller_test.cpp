@@ -4,11 +4,13 @@
 #include "denoise/block_dither.h"
 #include "denoise/noise_canceller.h"
 #include "support/dfn_test_table.h"
+#include "support/kernel_versions.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -78,15 +80,21 @@ std::vector<float> read_f32(const std::string& name) {
 
 // The twin runs in float64 on the same float32 table and dithered input (tests/data/dfn/README.md);
 // the C++ in float32, so they agree to the float accuracy of a deep network: every sample within
-// 1e-5 of full scale plus 1e-4 of the block's largest reference value, the error energy 80 dB below
-// the signal's. The golden output's first block is muted, and it clips at +-1.
-TEST(NoiseCanceller, MatchesThePyTorchTwin) {
+// 1e-5 of full scale plus 1e-4 of the block's largest reference value, the error energy 120 dB
+// below the signal's (observed: 129.5-129.7 dB on the three kernel versions), on each kernel
+// version the processor has. The golden output's first block is muted, and it clips at +-1.
+class NoiseCancellerKernels : public ::testing::TestWithParam<testing::kernel_version> {};
+
+TEST_P(NoiseCancellerKernels, MatchesThePyTorchTwin) {
+    const matvec_kernels* kernels = testing::kernels_of(GetParam());
+    if (kernels == nullptr)
+        GTEST_SKIP() << "the processor lacks " << testing::kernel_version_name(GetParam());
     const std::vector<float> input = read_f32("golden_input.f32");
     const std::vector<float> expected = read_f32("golden_output.f32");
     ASSERT_TRUE(input.size() == expected.size() && input.size() % 480 == 0);
     ASSERT_TRUE(all_zero(expected.data(), 480));
     ASSERT_NE(std::find(expected.begin(), expected.end(), 1.0f), expected.end());
-    noise_canceller canceller(48000, 1, 480, random_table());
+    noise_canceller canceller(48000, 1, 480, random_table(), *kernels);
     std::vector<float> out(480), dry(480);
     double error_energy = 0.0, signal_energy = 0.0;
     for (std::size_t b = 0; b < input.size() / 480; ++b) {
@@ -99,8 +107,16 @@ TEST(NoiseCanceller, MatchesThePyTorchTwin) {
             ASSERT_LE(error, 1e-5 + 1e-4 * peak(want, 480)) << "block " << b << " sample " << i;
         }
     }
-    EXPECT_GT(10.0 * std::log10(signal_energy / std::max(error_energy, 1e-300)), 80.0);
+    const double agreement = 10.0 * std::log10(signal_energy / std::max(error_energy, 1e-300));
+    RecordProperty("agreement_db", std::to_string(agreement));
+    std::printf("agreement with the twin: %.1f dB\n", agreement);
+    EXPECT_GT(agreement, 120.0);
 }
+
+INSTANTIATE_TEST_SUITE_P(, NoiseCancellerKernels, testing::all_kernel_versions(),
+                         [](const ::testing::TestParamInfo<testing::kernel_version>& param) {
+                             return std::string(testing::kernel_version_name(param.param));
+                         });
 
 // Per frame length, stereo and in place: the dry output is the input delayed by
 // exactly 1200 samples (+ the frame length for 512 and 1024, keeping those hosts'

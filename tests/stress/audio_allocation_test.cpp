@@ -3,6 +3,9 @@
 // mono (input resampler), a 48 kHz stereo and a listener-only participant, in a 48 kHz stereo
 // interleaved library and in a 16 kHz mono one (output resampler).
 #include "allocation_counter.h"
+#include "denoise/noise_canceller.h"
+#include "dsp/denormal_guard.h"
+#include "support/kernel_versions.h"
 #include "support/library_fixture.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +15,7 @@
 #include <new>
 #include <numbers>
 #include <string>
+#include <vector>
 
 namespace qt = quelora::testing;
 
@@ -112,3 +116,31 @@ TEST(AudioAllocation, CounterSeesOperatorNewAndTheMallocFamily) {
     ::operator delete (blocks[1], std::align_val_t{64});
     for (int i = 2; i < 7; ++i) std::free(blocks[i]);
 }
+
+// The library runs the canceller on the widest kernels the processor has;
+// hosts on older processors get the others, which must not allocate either.
+class CancellerAllocation : public ::testing::TestWithParam<qt::kernel_version> {};
+
+TEST_P(CancellerAllocation, BlocksAllocateNothingOnEveryKernelVersion) {
+    const quelora::denoise::matvec_kernels* kernels = qt::kernels_of(GetParam());
+    if (kernels == nullptr)
+        GTEST_SKIP() << "the processor lacks " << qt::kernel_version_name(GetParam());
+    for (const uint32_t frames : {480u, 441u}) {
+        quelora::denoise::noise_canceller canceller(
+            48000, 2, frames, quelora::denoise::dfn_default_weights(), *kernels);
+        std::vector<float> in(frames), out(2 * frames), dry(frames);
+        const quelora::dsp::denormal_guard no_denormals;
+        for (int block = 0; block < 60; ++block) {
+            for (uint32_t i = 0; i < frames; ++i)
+                in[i] = 0.1f * std::sin(0.05f * float(block * frames + i));
+            if (block == 10) qt::start_counting_allocations();
+            canceller.process(in.data(), out.data(), dry.data());
+        }
+        EXPECT_EQ(qt::stop_counting_allocations(), 0) << frames << " frames";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, CancellerAllocation, qt::all_kernel_versions(),
+                         [](const ::testing::TestParamInfo<qt::kernel_version>& param) {
+                             return std::string(qt::kernel_version_name(param.param));
+                         });

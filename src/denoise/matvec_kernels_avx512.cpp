@@ -1,0 +1,325 @@
+// The AVX-512 version of the network's products (see matvec_kernels.h).
+// Like the AVX2 version it is written with intrinsics in functions carrying
+// the target attribute and without Eigen, so that no template is
+// instantiated twice under different instruction flags. Only AVX-512F
+// instructions are used.
+//
+// The matrix-vector products stream each weight once per call from L2 or
+// L3, so they are bound by that read rate: eight rows at a time keep eight
+// independent FMA chains and eight read streams in flight. The convolution
+// products are compute bound: each tile keeps rows x vectors accumulators in
+// registers for the whole inner dimension (4 x 6 for the 96-wide maps), one
+// FMA chain per output element in the order l = 0, 1, ..., as the AVX2
+// version sums, so both give identical floats.
+#include "denoise/matvec_kernels.h"
+
+#include "dsp/processor_dispatch.h"
+
+#include <cstddef>
+
+#if defined(__x86_64__)
+#define QUELORA_HAVE_AVX512_KERNELS 1
+#include <immintrin.h>
+#endif
+
+// GCC 12's AVX-512 intrinsics fill their unused merge operand with a
+// self-initialised "undefined" vector, which its uninitialised-use warnings
+// report at every inlined call.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+namespace quelora::denoise {
+
+#if QUELORA_HAVE_AVX512_KERNELS
+
+namespace {
+
+#define QUELORA_AVX512 __attribute__((target("avx512f,avx2,fma")))
+
+// Every loop over a tile's rows or vectors carries an unroll pragma: left
+// to itself, GCC 12 at -O3 keeps the accumulator arrays in
+// memory and stores all of them on every step of the inner dimension, which
+// ran the 4 x 6 tile at a third of its speed.
+#if defined(__clang__)
+#define QUELORA_UNROLL _Pragma("unroll")
+#else
+#define QUELORA_UNROLL _Pragma("GCC unroll 32")
+#endif
+
+constexpr uint32_t lanes = 16;
+
+// The first n lanes, 1 <= n <= 16.
+QUELORA_AVX512 inline __mmask16 first_lanes(uint32_t n) {
+    return static_cast<__mmask16>((1u << n) - 1u);
+}
+
+// The sum of the two 256-bit halves.
+QUELORA_AVX512 inline __m256 fold(__m512 v) {
+    return _mm256_add_ps(_mm512_castps512_ps256(v),
+                         _mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(v), 1)));
+}
+
+QUELORA_AVX512 inline float horizontal_sum(__m512 v) {
+    const __m256 h = fold(v);
+    __m128 s = _mm_add_ps(_mm256_castps256_ps128(h), _mm256_extractf128_ps(h, 1));
+    s = _mm_add_ps(s, _mm_movehl_ps(s, s));
+    s = _mm_add_ss(s, _mm_movehdup_ps(s));
+    return _mm_cvtss_f32(s);
+}
+
+// The horizontal sums of eight accumulators, in order, as one vector.
+QUELORA_AVX512 inline __m256 horizontal_sums(const __m512* v) {
+    const __m256 t0 = _mm256_hadd_ps(fold(v[0]), fold(v[1]));
+    const __m256 t1 = _mm256_hadd_ps(fold(v[2]), fold(v[3]));
+    const __m256 t2 = _mm256_hadd_ps(fold(v[4]), fold(v[5]));
+    const __m256 t3 = _mm256_hadd_ps(fold(v[6]), fold(v[7]));
+    const __m256 u0 = _mm256_hadd_ps(t0, t1); // rows 0-3, low and high 128-bit halves
+    const __m256 u1 = _mm256_hadd_ps(t2, t3); // rows 4-7
+    return _mm256_add_ps(_mm256_permute2f128_ps(u0, u1, 0x20),
+                         _mm256_permute2f128_ps(u0, u1, 0x31));
+}
+
+// R accumulators to y[0 .. R).
+template <int R> QUELORA_AVX512 inline void store_sums(const __m512* acc, float* y) {
+    if constexpr (R == 8) {
+        _mm256_storeu_ps(y, horizontal_sums(acc));
+    } else {
+        QUELORA_UNROLL
+        for (int r = 0; r < R; ++r) y[r] = horizontal_sum(acc[r]);
+    }
+}
+
+// R rows of a, each dotted with the P vectors xs[0 .. P): R x P chains, every
+// row vector loaded once for all of them; the column tail is a masked load,
+// which reads nothing past the end.
+template <int R, int P>
+QUELORA_AVX512 void dot_rows(const float* a, std::size_t stride, uint32_t cols,
+                             const float* const* xs, float* const* ys, std::size_t row) {
+    __m512 acc[P][R];
+    QUELORA_UNROLL
+    for (int p = 0; p < P; ++p) QUELORA_UNROLL
+    for (int r = 0; r < R; ++r) acc[p][r] = _mm512_setzero_ps();
+    uint32_t c = 0;
+    for (; c + lanes <= cols; c += lanes) {
+        __m512 x[P];
+        QUELORA_UNROLL
+        for (int p = 0; p < P; ++p) x[p] = _mm512_loadu_ps(xs[p] + c);
+        QUELORA_UNROLL
+        for (int r = 0; r < R; ++r) {
+            const __m512 w = _mm512_loadu_ps(a + static_cast<std::size_t>(r) * stride + c);
+            QUELORA_UNROLL
+            for (int p = 0; p < P; ++p) acc[p][r] = _mm512_fmadd_ps(w, x[p], acc[p][r]);
+        }
+    }
+    if (c < cols) {
+        const __mmask16 mask = first_lanes(cols - c);
+        __m512 x[P];
+        QUELORA_UNROLL
+        for (int p = 0; p < P; ++p) x[p] = _mm512_maskz_loadu_ps(mask, xs[p] + c);
+        QUELORA_UNROLL
+        for (int r = 0; r < R; ++r) {
+            const __m512 w =
+                _mm512_maskz_loadu_ps(mask, a + static_cast<std::size_t>(r) * stride + c);
+            QUELORA_UNROLL
+            for (int p = 0; p < P; ++p) acc[p][r] = _mm512_fmadd_ps(w, x[p], acc[p][r]);
+        }
+    }
+    QUELORA_UNROLL
+    for (int p = 0; p < P; ++p) store_sums<R>(acc[p], ys[p] + row);
+}
+
+template <int P>
+QUELORA_AVX512 void matrix_times_vectors(const float* a, uint32_t rows, uint32_t cols,
+                                         const float* const* xs, float* const* ys) {
+    const std::size_t stride = cols;
+    uint32_t r = 0;
+    for (; r + 8 <= rows; r += 8) dot_rows<8, P>(a + r * stride, stride, cols, xs, ys, r);
+    for (; r < rows; ++r) dot_rows<1, P>(a + r * stride, stride, cols, xs, ys, r);
+}
+
+QUELORA_AVX512 void avx512_matrix_vector(const float* a, uint32_t rows, uint32_t cols,
+                                         const float* x, float* y) {
+    const float* const xs[1] = {x};
+    float* const ys[1] = {y};
+    matrix_times_vectors<1>(a, rows, cols, xs, ys);
+}
+
+QUELORA_AVX512 void avx512_matrix_vector_pair(const float* a, uint32_t rows, uint32_t cols,
+                                              const float* x0, const float* x1, float* y0,
+                                              float* y1) {
+    const float* const xs[2] = {x0, x1};
+    float* const ys[2] = {y0, y1};
+    matrix_times_vectors<2>(a, rows, cols, xs, ys);
+}
+
+// A row's epilogue (matvec_kernels.h) on one vector of it.
+QUELORA_AVX512 inline __m512 finish(__m512 v, const row_epilogue* e, std::size_t row) {
+    if (e == nullptr) return v;
+    v = _mm512_sub_ps(v, _mm512_set1_ps(e->mean[row]));
+    v = _mm512_add_ps(_mm512_mul_ps(v, _mm512_set1_ps(e->factor[row])),
+                      _mm512_set1_ps(e->shift[row]));
+    return e->relu ? _mm512_max_ps(v, _mm512_setzero_ps()) : v;
+}
+
+// An R x 16V tile of c = a b (R rows of a, broadcast one element at a time,
+// against V vectors of each row of b). The last vector is loaded and stored
+// under `tail`, all lanes when the row length is a multiple of 16.
+template <int R, int V>
+QUELORA_AVX512 void product_tile(const float* a, std::size_t lda, const float* b, std::size_t ldb,
+                                 uint32_t k, float* c, std::size_t ldc, __mmask16 tail,
+                                 const row_epilogue* e) {
+    __m512 acc[R][V];
+    QUELORA_UNROLL
+    for (int r = 0; r < R; ++r) QUELORA_UNROLL
+    for (int v = 0; v < V; ++v) acc[r][v] = _mm512_setzero_ps();
+    for (uint32_t l = 0; l < k; ++l) {
+        const float* b_row = b + l * ldb;
+        __m512 bv[V];
+        QUELORA_UNROLL
+        for (int v = 0; v < V - 1; ++v) bv[v] = _mm512_loadu_ps(b_row + lanes * v);
+        bv[V - 1] = _mm512_maskz_loadu_ps(tail, b_row + lanes * (V - 1));
+        QUELORA_UNROLL
+        for (int r = 0; r < R; ++r) {
+            const __m512 av = _mm512_set1_ps(a[static_cast<std::size_t>(r) * lda + l]);
+            QUELORA_UNROLL
+            for (int v = 0; v < V; ++v) acc[r][v] = _mm512_fmadd_ps(av, bv[v], acc[r][v]);
+        }
+    }
+    QUELORA_UNROLL
+    for (int r = 0; r < R; ++r) {
+        float* c_row = c + static_cast<std::size_t>(r) * ldc;
+        QUELORA_UNROLL
+        for (int v = 0; v < V - 1; ++v)
+            _mm512_storeu_ps(c_row + lanes * v, finish(acc[r][v], e, static_cast<std::size_t>(r)));
+        _mm512_mask_storeu_ps(c_row + lanes * (V - 1), tail,
+                              finish(acc[r][V - 1], e, static_cast<std::size_t>(r)));
+    }
+}
+
+// A tile of `vectors` (1..V) column vectors: picks the instantiation.
+template <int R, int V>
+QUELORA_AVX512 void product_tile_of(uint32_t vectors, const float* a, std::size_t lda,
+                                    const float* b, std::size_t ldb, uint32_t k, float* c,
+                                    std::size_t ldc, __mmask16 tail, const row_epilogue* e) {
+    if constexpr (V > 1) {
+        if (vectors < static_cast<uint32_t>(V)) {
+            product_tile_of<R, V - 1>(vectors, a, lda, b, ldb, k, c, ldc, tail, e);
+            return;
+        }
+    }
+    product_tile<R, V>(a, lda, b, ldb, k, c, ldc, tail, e);
+}
+
+// R rows of c, left to right in tiles of up to V vectors.
+template <int R, int V>
+QUELORA_AVX512 void product_rows(const float* a, const float* b, uint32_t k, uint32_t n, float* c,
+                                 const row_epilogue* e) {
+    const uint32_t vectors = (n + lanes - 1) / lanes;
+    const __mmask16 partial_tail = first_lanes(n % lanes == 0 ? lanes : n % lanes);
+    for (uint32_t v = 0; v < vectors; v += V) {
+        const uint32_t count = vectors - v < static_cast<uint32_t>(V) ? vectors - v : V;
+        const __mmask16 tail = v + count == vectors ? partial_tail : first_lanes(lanes);
+        product_tile_of<R, V>(count, a, k, b + lanes * v, n, k, c + lanes * v, n, tail, e);
+    }
+}
+
+// Rows in blocks of R, then one at a time.
+template <int R, int V>
+QUELORA_AVX512 void product_blocks(const float* a, const float* b, uint32_t m, uint32_t k,
+                                   uint32_t n, float* c, const row_epilogue* epilogue) {
+    row_epilogue shifted{};
+    uint32_t i = 0;
+    for (; i + R <= m; i += R)
+        product_rows<R, V>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                           rows_from(epilogue, i, shifted));
+    for (; i < m; ++i)
+        product_rows<1, V>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                           rows_from(epilogue, i, shifted));
+}
+
+// Wide maps (four vectors or more, the 96- and 48-wide ones) in 4 x 6 tiles:
+// 24 accumulators, six loaded vectors and a broadcast fill the 32 registers.
+// Narrow ones in 8 x 3 tiles, so that at least eight chains hide the FMA
+// latency.
+QUELORA_AVX512 void avx512_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k,
+                                         uint32_t n, float* c, const row_epilogue* epilogue) {
+    if (n > 3 * lanes)
+        product_blocks<4, 6>(a, b, m, k, n, c, epilogue);
+    else
+        product_blocks<8, 3>(a, b, m, k, n, c, epilogue);
+}
+
+// A 2 x 16V tile of the two products a0 b and a1 b: each loaded vector of b
+// serves both rows.
+template <int V>
+QUELORA_AVX512 void pair_tile(const float* a0, const float* a1, const float* b, std::size_t ldb,
+                              uint32_t k, float* c0, float* c1, __mmask16 tail) {
+    __m512 acc0[V], acc1[V];
+    QUELORA_UNROLL
+    for (int v = 0; v < V; ++v) acc0[v] = acc1[v] = _mm512_setzero_ps();
+    for (uint32_t l = 0; l < k; ++l) {
+        const float* b_row = b + l * ldb;
+        const __m512 s0 = _mm512_set1_ps(a0[l]);
+        const __m512 s1 = _mm512_set1_ps(a1[l]);
+        QUELORA_UNROLL
+        for (int v = 0; v < V; ++v) {
+            const __m512 bv = v == V - 1 ? _mm512_maskz_loadu_ps(tail, b_row + lanes * v)
+                                         : _mm512_loadu_ps(b_row + lanes * v);
+            acc0[v] = _mm512_fmadd_ps(s0, bv, acc0[v]);
+            acc1[v] = _mm512_fmadd_ps(s1, bv, acc1[v]);
+        }
+    }
+    QUELORA_UNROLL
+    for (int v = 0; v < V - 1; ++v) {
+        _mm512_storeu_ps(c0 + lanes * v, acc0[v]);
+        _mm512_storeu_ps(c1 + lanes * v, acc1[v]);
+    }
+    _mm512_mask_storeu_ps(c0 + lanes * (V - 1), tail, acc0[V - 1]);
+    _mm512_mask_storeu_ps(c1 + lanes * (V - 1), tail, acc1[V - 1]);
+}
+
+template <int V>
+QUELORA_AVX512 void pair_tile_of(uint32_t vectors, const float* a0, const float* a1, const float* b,
+                                 std::size_t ldb, uint32_t k, float* c0, float* c1,
+                                 __mmask16 tail) {
+    if constexpr (V > 1) {
+        if (vectors < static_cast<uint32_t>(V)) {
+            pair_tile_of<V - 1>(vectors, a0, a1, b, ldb, k, c0, c1, tail);
+            return;
+        }
+    }
+    pair_tile<V>(a0, a1, b, ldb, k, c0, c1, tail);
+}
+
+QUELORA_AVX512 void avx512_row_pair_times_matrix(const float* a0, const float* a1, const float* b,
+                                                 uint32_t k, uint32_t n, float* c0, float* c1) {
+    constexpr uint32_t tile = 4;
+    const uint32_t vectors = (n + lanes - 1) / lanes;
+    const __mmask16 partial_tail = first_lanes(n % lanes == 0 ? lanes : n % lanes);
+    for (uint32_t v = 0; v < vectors; v += tile) {
+        const uint32_t count = vectors - v < tile ? vectors - v : tile;
+        const __mmask16 tail = v + count == vectors ? partial_tail : first_lanes(lanes);
+        pair_tile_of<tile>(count, a0, a1, b + lanes * v, n, k, c0 + lanes * v, c1 + lanes * v,
+                           tail);
+    }
+}
+
+const matvec_kernels avx512{avx512_matrix_vector, avx512_matrix_matrix, avx512_matrix_vector_pair,
+                            avx512_row_pair_times_matrix, "avx512"};
+
+} // namespace
+
+#endif // QUELORA_HAVE_AVX512_KERNELS
+
+const matvec_kernels* avx512_matvec_kernels() {
+#if QUELORA_HAVE_AVX512_KERNELS
+    dsp::initialize_processor_dispatch();
+    const dsp::processor_features& cpu = dsp::current_processor_features();
+    if (cpu.avx512f && cpu.avx2 && cpu.fma) return &avx512;
+#endif
+    return nullptr;
+}
+
+} // namespace quelora::denoise
