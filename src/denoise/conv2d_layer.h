@@ -30,8 +30,11 @@ public:
 private:
     // How forward runs, chosen once at construction.
     enum class method : uint8_t {
-        // One input channel per output channel: a direct loop beats
-        // G tiny matrix products.
+        // The model's depthwise layers: one row per channel, 1 or 3 taps,
+        // stride 1 or 2; computed straight from the unpadded input.
+        row_taps,
+        // Any other with one input channel per output channel: a direct
+        // loop beats G tiny matrix products.
         depthwise,
         // Kf = 1, stride 1, no time padding, Kt = 1 or Kt = T: the input map
         // already is the patch matrix (pointwise 1x1, the DF path's 5x1).
@@ -43,6 +46,7 @@ private:
     void pad_input(const float* input);
     void unfold(const float* source);
     void forward_depthwise(const float* source, float* output);
+    void forward_row_taps(const float* input, float* output, const row_epilogue* after) const;
     void multiply(const float* patches, float* output, const row_epilogue* after) const;
 
     const float* weights_;

@@ -239,16 +239,62 @@ QUELORA_AVX512 void product_blocks(const float* a, const float* b, uint32_t m, u
                            rows_from(epilogue, i, shifted));
 }
 
+// Maps at most eight wide (the 8-band ones) in 256-bit vectors: a processor
+// that splits 512-bit FMAs in two runs twice as many of these per cycle,
+// and half of each 512-bit lane would be masked off anyway. R rows of one
+// vector each, the same chains as the AVX2 version's.
+template <int R>
+QUELORA_AVX512 void narrow_tile(const float* a, const float* b, uint32_t k, uint32_t n, float* c,
+                                const row_epilogue* e) {
+    const __m256i tail = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(n)),
+                                            _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    __m256 acc[R];
+    QUELORA_UNROLL
+    for (int r = 0; r < R; ++r) acc[r] = _mm256_setzero_ps();
+    for (uint32_t l = 0; l < k; ++l) {
+        const __m256 bv = _mm256_maskload_ps(b + std::size_t{l} * n, tail);
+        QUELORA_UNROLL
+        for (int r = 0; r < R; ++r)
+            acc[r] = _mm256_fmadd_ps(_mm256_broadcast_ss(a + static_cast<std::size_t>(r) * k + l),
+                                     bv, acc[r]);
+    }
+    QUELORA_UNROLL
+    for (int r = 0; r < R; ++r) {
+        __m256 v = acc[r];
+        if (e != nullptr) {
+            v = _mm256_sub_ps(v, _mm256_set1_ps(e->mean[r]));
+            v = _mm256_add_ps(_mm256_mul_ps(v, _mm256_set1_ps(e->factor[r])),
+                              _mm256_set1_ps(e->shift[r]));
+            if (e->relu) v = _mm256_max_ps(v, _mm256_setzero_ps());
+        }
+        _mm256_maskstore_ps(c + static_cast<std::size_t>(r) * n, tail, v);
+    }
+}
+
+QUELORA_AVX512 void narrow_product(const float* a, const float* b, uint32_t m, uint32_t k,
+                                   uint32_t n, float* c, const row_epilogue* epilogue) {
+    row_epilogue shifted{};
+    uint32_t i = 0;
+    for (; i + 8 <= m; i += 8)
+        narrow_tile<8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                       rows_from(epilogue, i, shifted));
+    for (; i < m; ++i)
+        narrow_tile<1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                       rows_from(epilogue, i, shifted));
+}
+
 // Wide maps (four vectors or more, the 96- and 48-wide ones) in 4 x 6 tiles:
 // 24 accumulators, six loaded vectors and a broadcast fill the 32 registers.
-// Narrow ones in 8 x 3 tiles, so that at least eight chains hide the FMA
+// Middle ones in 8 x 3 tiles, so that at least eight chains hide the FMA
 // latency.
 QUELORA_AVX512 void avx512_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k,
                                          uint32_t n, float* c, const row_epilogue* epilogue) {
     if (n > 3 * lanes)
         product_blocks<4, 6>(a, b, m, k, n, c, epilogue);
-    else
+    else if (n > 8)
         product_blocks<8, 3>(a, b, m, k, n, c, epilogue);
+    else
+        narrow_product(a, b, m, k, n, c, epilogue);
 }
 
 // A 2 x 16V tile of the two products a0 b and a1 b: each loaded vector of b

@@ -134,6 +134,35 @@ INSTANTIATE_TEST_SUITE_P(
                testing::kernel_version_name(std::get<1>(param.param));
     });
 
+// The one-row depthwise path (the model's: straight from the unpadded row, borders apart) against
+// the padded general path on time row 0 of a two-row map: equal sums, for every length from one
+// bin up, one and three taps, strides 1 and 2.
+TEST(Conv2dLayer, OneRowDepthwiseEqualsThePaddedPath) {
+    std::vector<float> w(3 * 3), x(3 * 2 * 13);
+    for (std::size_t i = 0; i < w.size(); ++i) w[i] = std::sin(float(i) + 1.0f);
+    for (std::size_t i = 0; i < x.size(); ++i) x[i] = std::cos(float(i) * 0.7f);
+    for (uint32_t f = 1; f <= 13; ++f)
+        for (const uint32_t kf : {1u, 3u})
+            for (const int32_t stride : {1, 2}) {
+                std::vector<float> rows(3 * 2 * f), row(3 * f);
+                for (uint32_t c = 0; c < 3; ++c)
+                    for (uint32_t i = 0; i < f; ++i)
+                        row[c * f + i] = rows[(2 * c) * f + i] = x[c * 13 + i];
+                conv2d_layer padded(2, f, 3, w.data(), 1, kf, stride, 3, 0, 0, 3),
+                    one_row(1, f, 3, w.data(), 1, kf, stride, 3, 0, 0, 3);
+                const uint32_t n = one_row.output_freq_length();
+                ASSERT_EQ(n, padded.output_freq_length());
+                std::vector<float> want(3 * 2 * n), got(3 * n + 1, 99.0f);
+                padded.forward(rows.data(), want.data());
+                one_row.forward(row.data(), got.data());
+                for (uint32_t c = 0; c < 3; ++c)
+                    for (uint32_t j = 0; j < n; ++j)
+                        ASSERT_EQ(got[c * n + j], want[(2 * c) * n + j])
+                            << f << " bins, " << kf << " taps, stride " << stride;
+                ASSERT_EQ(got[3 * n], 99.0f) << "wrote past the end";
+            }
+}
+
 // The strided depthwise path (rows split into phases; the model's kernels are
 // 1x3 at stride 2 only) against the stride-1 path: output f at stride s is
 // output f s at stride 1. Padded rows of odd and even length.
