@@ -115,7 +115,7 @@ struct dfn_model::layers {
           up1_dw(upsample(r, 16)), up1_pw(pointwise(r, erb, ch, ch)), up1_bn(norm(r, ch, erb)),
           path0(conv(r, 1, erb, ch, 1, 1, 1, ch, ch)), path0_bn(norm(r, ch, erb)),
           erb_out(conv(r, 1, erb, ch, 1, 3, 1, 1, 1)), erb_out_bn(norm(r, 1, erb)),
-          df_path(conv(r, df_path_frames, df, ch, df_path_frames, 1, 1, df_out_channels, 2)),
+          df_path(r.take(tensor_kind::weight, df_out_channels * (ch / 2) * df_path_frames)),
           df_path_pw(pointwise(r, df, df_out_channels, df_out_channels)),
           df_path_bn(norm(r, df_out_channels, df)), df_in(linear(r, hidden, hidden)), gru3(gru(r)),
           df_out(linear(r, hidden, df * df_out_channels)) {}
@@ -155,7 +155,8 @@ struct dfn_model::layers {
     batch_norm_layer path0_bn;
     conv2d_layer erb_out;
     batch_norm_layer erb_out_bn;
-    conv2d_layer df_path, df_path_pw;
+    const float* df_path; // [10][32][5 hops], oldest hop first; see rotate_df_path
+    conv2d_layer df_path_pw;
     batch_norm_layer df_path_bn;
     grouped_linear_layer df_in;
     gru_layer gru3;
@@ -178,8 +179,29 @@ dfn_model::hop_buffers::hop_buffers()
 
 dfn_model::dfn_model(const float* table, const matvec_kernels& kernels)
     : layers_(build_layers(table, kernels)), synthesis_(analysis_.band_widths()), c0_(ch * df),
-      c1_(ch * 48), df_path_history_(ch * df_path_frames * df), wide_(ch * df), skip_(ch * erb),
-      up_(ch * erb), df_path_(df_out_channels * df) {}
+      c1_(ch * 48), df_path_history_(ch * df_path_frames * df),
+      df_path_rotations_(df_path_frames * df_out_channels * (ch / 2) * df_path_frames),
+      wide_(ch * df), skip_(ch * erb), up_(ch * erb), df_path_(df_out_channels * df),
+      kernels_(&kernels) {
+    rotate_df_path();
+}
+
+// The DF path convolution reads the last five hops of c0 from a ring,
+// [channel][slot][bin], instead of shifting every channel's history by a hop
+// each time. For each slot the newest hop may occupy, the weights are kept
+// with their hop axis turned to the ring's slot order: rotation n holds, at
+// slot (n + 1 + k) mod 5, the tap for the hop k places back from the oldest.
+// Each output then sums the same terms in slot order rather than hop order.
+void dfn_model::rotate_df_path() {
+    constexpr uint32_t rows = df_out_channels * (ch / 2);
+    for (uint32_t newest = 0; newest < df_path_frames; ++newest) {
+        float* rotation = df_path_rotations_.data() + newest * rows * df_path_frames;
+        for (uint32_t row = 0; row < rows; ++row)
+            for (uint32_t k = 0; k < df_path_frames; ++k)
+                rotation[row * df_path_frames + (newest + 1 + k) % df_path_frames] =
+                    layers_->df_path[row * df_path_frames + k];
+    }
+}
 
 dfn_model::~dfn_model() = default;
 
@@ -193,6 +215,7 @@ void dfn_model::reset() {
     layers_->gru2.reset();
     layers_->gru3.reset();
     std::fill(df_path_history_.begin(), df_path_history_.end(), 0.0f);
+    newest_slot_ = df_path_frames - 1;
     for (hop_buffers& hop : hops_) {
         std::fill(hop.gains.begin(), hop.gains.end(), 0.0f);
         std::fill(hop.coefficients.begin(), hop.coefficients.end(), 0.0f);
@@ -216,18 +239,23 @@ void dfn_model::encode(hop_buffers& hop) {
 
     l.df_conv0.forward(analysis_.complex_features(), wide_.data());
     conv_norm_relu(l.df_pw0, l.df_bn0, wide_.data(), c0_.data());
-    // The DF path convolution reads [channel][hop][bin] over the last five
-    // hops: shift every channel's hops by one and append c0 as the newest.
-    for (uint32_t c = 0; c < ch; ++c) {
-        float* rows = df_path_history_.data() + c * df_path_frames * df;
-        std::memmove(rows, rows + df, (df_path_frames - 1) * df * sizeof(float));
-        std::memcpy(rows + (df_path_frames - 1) * df, c0_.data() + c * df, df * sizeof(float));
-    }
+    // c0 replaces the oldest hop in the DF path's ring.
+    newest_slot_ = (newest_slot_ + 1) % df_path_frames;
+    for (uint32_t c = 0; c < ch; ++c)
+        std::memcpy(df_path_history_.data() + (c * df_path_frames + newest_slot_) * df,
+                    c0_.data() + c * df, df * sizeof(float));
     l.df_dw1.forward(c0_.data(), wide_.data());
     conv_norm_relu(l.df_pw1, l.df_bn1, wide_.data(), c1_.data());
 
     // The DF decoder's path over the five hops ending at this one.
-    l.df_path.forward(df_path_history_.data(), wide_.data());
+    // Per group of 32 channels: 5 outputs x (32 channels x 5 slots) times the
+    // ring's (32 x 5) x 96 rows, which already are the patch matrix.
+    constexpr uint32_t group_out = df_out_channels / 2, patch_rows = (ch / 2) * df_path_frames;
+    const float* rotation = df_path_rotations_.data() + newest_slot_ * df_out_channels * patch_rows;
+    for (uint32_t g = 0; g < 2; ++g)
+        kernels_->matrix_matrix(rotation + g * group_out * patch_rows,
+                                df_path_history_.data() + g * patch_rows * df, group_out,
+                                patch_rows, df, wide_.data() + g * group_out * df, nullptr);
     conv_norm_relu(l.df_path_pw, l.df_path_bn, wide_.data(), df_path_.data());
     transpose(df_path_.data(), hop.p.data(), df_out_channels, df);
 

@@ -70,18 +70,22 @@ private:
     void embed(std::span<hop_buffers> hops);
     void decode_erb(hop_buffers& hop);
     void decode_df(std::span<hop_buffers> hops);
+    void rotate_df_path();
 
     dfn_analysis analysis_;
     std::unique_ptr<layers> layers_;
     dfn_synthesis synthesis_;
 
-    hop_buffers hops_[2];                // process_hop uses the first; process_block both
-    int last_ = 0;                       // the hop gains() and coefficients() report
-    std::vector<float> c0_, c1_;         // 64x96, 64x48
-    std::vector<float> df_path_history_; // [64][5 hops][96], oldest hop first
-    std::vector<float> wide_;            // scratch up to 64x96
-    std::vector<float> skip_, up_;       // 64x32 each
-    std::vector<float> df_path_;         // 10x96 channel-major
+    hop_buffers hops_[2];                  // process_hop uses the first; process_block both
+    int last_ = 0;                         // the hop gains() and coefficients() report
+    std::vector<float> c0_, c1_;           // 64x96, 64x48
+    std::vector<float> df_path_history_;   // ring of c0: [64][5 slots][96]
+    std::vector<float> df_path_rotations_; // [newest slot 5][10][32 x 5 slots]
+    uint32_t newest_slot_ = 4;             // the slot of the latest hop's c0
+    std::vector<float> wide_;              // scratch up to 64x96
+    std::vector<float> skip_, up_;         // 64x32 each
+    std::vector<float> df_path_;           // 10x96 channel-major
+    const matvec_kernels* kernels_;
 };
 
 } // namespace quelora::denoise
