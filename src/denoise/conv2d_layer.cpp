@@ -215,6 +215,17 @@ void conv2d_layer::forward_row_taps(const float* input, float* output,
         const float* x = input + std::size_t{c} * freq_;
         float* out = output + std::size_t{c} * out_freq_;
         const float* w = weights_ + std::size_t{c} * kernel_freq_;
+        if (kernel_freq_ == 1 && stride_ == 1 && after != nullptr) {
+            // The ERB decoder's skip paths: tap, norm and ReLU in one pass
+            // over the short row, rounded as the separate steps round.
+            const float tap = w[0], mean = after->mean[c], factor = after->factor[c],
+                        shift = after->shift[c];
+            for (uint32_t j = 0; j < out_freq_; ++j) {
+                const float v = (tap * x[j] - mean) * factor + shift;
+                out[j] = !after->relu || v > 0.0f ? v : 0.0f;
+            }
+            continue;
+        }
         if (kernel_freq_ == 1) {
             const float tap = w[0];
             for (uint32_t j = 0; j < out_freq_; ++j) out[j] = tap * x[std::size_t{stride_} * j];

@@ -30,6 +30,9 @@ private:
     uint32_t kernel_freq_, pad_freq_, stride_freq_;
     uint32_t out_time_, out_freq_;
     bool time_row_kept_; // the one input time row lands inside the cropped output
+    // The model's upsampling: depthwise, 3 taps, stride 2, padding 1, output
+    // padding 1, one time row; each output bin is written once, in order.
+    bool doubles_rows_;
     // Per kernel tap k: the input positions [first, end) whose target
     // i·SF + k - P lies inside the cropped output, so the scatter loop needs
     // no bounds test.

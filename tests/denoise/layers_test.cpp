@@ -163,6 +163,27 @@ TEST(Conv2dLayer, OneRowDepthwiseEqualsThePaddedPath) {
             }
 }
 
+// The model's doubling upsampler (depthwise, 3 taps, stride 2, padding 1, output padding 1) writes
+// each bin once in order; against the transposed convolution's definition, from one bin up.
+TEST(ConvTranspose2dLayer, DoublingUpsamplerMatchesTheDefinition) {
+    const float w[2 * 3] = {0.3f, -1.1f, 0.7f, 1.9f, 0.2f, -0.6f};
+    for (uint32_t n = 1; n <= 9; ++n) {
+        std::vector<float> x(2 * n), y(2 * 2 * n + 1, 99.0f);
+        for (std::size_t i = 0; i < x.size(); ++i) x[i] = std::cos(float(i) * 0.9f);
+        conv_transpose2d_layer(1, n, 2, w, 1, 3, 0, 1, 0, 1, 1, 2, 2, 2)
+            .forward(x.data(), y.data());
+        for (uint32_t c = 0; c < 2; ++c)
+            for (uint32_t o = 0; o < 2 * n; ++o) {
+                double want = 0.0; // output o = 2 i + k - 1
+                for (uint32_t i = 0; i < n; ++i)
+                    for (uint32_t k = 0; k < 3; ++k)
+                        if (2 * i + k == o + 1) want += double{w[3 * c + k]} * x[c * n + i];
+                ASSERT_NEAR(y[c * 2 * n + o], want, 1e-6) << n << " bins, channel " << c;
+            }
+        ASSERT_EQ(y[4 * n], 99.0f) << "wrote past the end";
+    }
+}
+
 // The strided depthwise path (rows split into phases; the model's kernels are
 // 1x3 at stride 2 only) against the stride-1 path: output f at stride s is
 // output f s at stride 1. Padded rows of odd and even length.
