@@ -257,11 +257,11 @@ void dfn_model::encode(hop_buffers& hop) {
                                 df_path_history_.data() + g * patch_rows * df, group_out,
                                 patch_rows, df, wide_.data() + g * group_out * df, nullptr);
     conv_norm_relu(l.df_path_pw, l.df_path_bn, wide_.data(), df_path_.data());
-    transpose(df_path_.data(), hop.p.data(), df_out_channels, df);
+    kernels_->transpose(df_path_.data(), hop.p.data(), df_out_channels, df);
 
     // The embedding's inputs: c1 as [bin][channel], e3 as [band][channel].
-    transpose(c1_.data(), hop.flat.data(), ch, 48);
-    transpose(hop.e3.data(), hop.joined.data(), ch, 8);
+    kernels_->transpose(c1_.data(), hop.flat.data(), ch, 48);
+    kernels_->transpose(hop.e3.data(), hop.joined.data(), ch, 8);
 }
 
 // The embedding; h1 keeps GRU 1's output for the DF decoder. With a
@@ -292,7 +292,8 @@ void dfn_model::embed(std::span<hop_buffers> hops) {
 // The ERB decoder, deepest stage first, ending in 32 gains.
 void dfn_model::decode_erb(hop_buffers& hop) {
     layers& l = *layers_;
-    transpose(hop.decoded.data(), up_.data(), 8, ch); // [band][channel] -> [channel][band]
+    kernels_->transpose(hop.decoded.data(), up_.data(), 8,
+                        ch); // [band][channel] -> [channel][band]
 
     const auto skip_add = [&](conv2d_layer& path, batch_norm_layer& bn, const float* encoder,
                               std::size_t count) {
@@ -314,7 +315,7 @@ void dfn_model::decode_erb(hop_buffers& hop) {
     skip_add(l.path0, l.path0_bn, hop.e0.data(), ch * erb);
     const row_epilogue norm_only = l.erb_out_bn.epilogue(false);
     l.erb_out.forward(skip_.data(), hop.gains.data(), &norm_only);
-    sigmoid(hop.gains.data(), hop.gains.data(), erb);
+    kernels_->sigmoid(hop.gains.data(), hop.gains.data(), erb);
 }
 
 // The DF decoder: deep-filter coefficients from h1 plus the DF path output p,
@@ -331,7 +332,7 @@ void dfn_model::decode_df(std::span<hop_buffers> hops) {
     for (hop_buffers& h : hops) dsp::add(y(h), gru3_out(h), static_cast<int32_t>(hidden));
     forward_hops(l.df_out, hops, gru3_out, coefficients);
     for (hop_buffers& h : hops) {
-        tanh(h.coefficients.data(), h.coefficients.data(), h.coefficients.size());
+        kernels_->tanh(h.coefficients.data(), h.coefficients.data(), h.coefficients.size());
         dsp::add(h.p.data(), h.coefficients.data(), static_cast<int32_t>(h.coefficients.size()));
     }
 }

@@ -6,14 +6,13 @@
 // The matrix-vector products go through the dispatched kernels of
 // matvec_kernels.h, one [3H] product per side when the three matrices are
 // contiguous (as in the weight table), else one per gate; the gate
-// non-linearities use the element-wise functions of
-// activations.h over the scratch vectors. forward_pair takes two steps with
+// non-linearities are the same kernels' element-wise functions over the
+// scratch vectors. forward_pair takes two steps with
 // one pass over the input weights (the pair kernel), which is what lets the
 // model's block path read those 0.8 MB once per block instead of twice.
 #include "denoise/gru_layer.h"
 
 #include "api/quelora_exception.h"
-#include "denoise/activations.h"
 #include "denoise/layer_checks.h"
 #include "denoise/matvec_kernels.h"
 
@@ -110,9 +109,9 @@ void gru_layer::step(float* input_gates, float* output) {
         r[j] += b_input_[0][j] + hr[j] + b_hidden_[0][j];
         z[j] += b_input_[1][j] + hz[j] + b_hidden_[1][j];
     }
-    sigmoid(r, r, 2 * std::size_t{n_h});
+    kernels_->sigmoid(r, r, 2 * std::size_t{n_h});
     for (uint32_t j = 0; j < n_h; ++j) n[j] += b_input_[2][j] + r[j] * (hn[j] + b_hidden_[2][j]);
-    tanh(n, n, n_h);
+    kernels_->tanh(n, n, n_h);
     float* h = hidden_.data();
     for (uint32_t j = 0; j < n_h; ++j) {
         h[j] = (1.0f - z[j]) * n[j] + z[j] * h[j];

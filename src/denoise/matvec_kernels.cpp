@@ -9,6 +9,8 @@
 // the fast path without it.
 #include "denoise/matvec_kernels.h"
 
+#include "denoise/activations.h"
+
 #include "dsp/processor_dispatch.h"
 
 #include <Eigen/Core>
@@ -67,8 +69,15 @@ void portable_row_pair_times_matrix(const float* a0, const float* a1, const floa
     portable_matrix_matrix(a1, b, 1, k, n, c1, nullptr);
 }
 
-const matvec_kernels portable{portable_matrix_vector, portable_matrix_matrix,
-                              portable_matrix_vector_pair, portable_row_pair_times_matrix,
+// The element-wise work of both versions in this file is activations.h's
+// (Eigen's vectorised functions for the baseline target).
+const matvec_kernels portable{portable_matrix_vector,
+                              portable_matrix_matrix,
+                              portable_matrix_vector_pair,
+                              portable_row_pair_times_matrix,
+                              denoise::sigmoid,
+                              denoise::tanh,
+                              denoise::transpose,
                               "portable"};
 
 #if QUELORA_HAVE_AVX2_KERNELS
@@ -345,8 +354,9 @@ QUELORA_AVX2 void avx2_row_pair_times_matrix(const float* a0, const float* a1, c
     }
 }
 
-const matvec_kernels avx2_fma{avx2_matrix_vector, avx2_matrix_matrix, avx2_matrix_vector_pair,
-                              avx2_row_pair_times_matrix, "avx2_fma"};
+const matvec_kernels avx2_fma{
+    avx2_matrix_vector, avx2_matrix_matrix, avx2_matrix_vector_pair, avx2_row_pair_times_matrix,
+    denoise::sigmoid,   denoise::tanh,      denoise::transpose,      "avx2_fma"};
 
 #endif // QUELORA_HAVE_AVX2_KERNELS
 

@@ -1,5 +1,6 @@
 // The matrix products under the network layers (GRU gates, grouped linear
-// blocks, convolutions as patch-matrix products), in three versions: a
+// blocks, convolutions as patch-matrix products) and the element-wise work
+// around them, in three versions: a
 // portable one for the baseline x86-64 target, one for AVX2+FMA and one for
 // AVX-512, picked once per process from the processor dispatch
 // (dsp/processor_dispatch.h). The shipped library has to run on any x86-64,
@@ -12,6 +13,7 @@
 // resolvers crash under ThreadSanitizer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace quelora::denoise {
@@ -61,6 +63,14 @@ struct matvec_kernels {
     // for two hops. Neither c may alias a0, a1, b or the other c.
     void (*row_pair_times_matrix)(const float* a0, const float* a1, const float* b, uint32_t k,
                                   uint32_t n, float* c0, float* c1);
+    // The element-wise functions of the GRU gates and the model's outputs,
+    // y = 1 / (exp(-x) + 1) and y = tanh(x) over count floats (in place
+    // allowed; a version may differ from another by a few ulp), and the
+    // [rows][cols] -> [cols][rows] transpose between the convolution maps and
+    // the linear layers (no aliasing).
+    void (*sigmoid)(const float* x, float* y, std::size_t count);
+    void (*tanh)(const float* x, float* y, std::size_t count);
+    void (*transpose)(const float* input, float* output, std::size_t rows, std::size_t cols);
     const char* name;
 };
 

@@ -16,6 +16,7 @@
 #include "dsp/processor_dispatch.h"
 
 #include <cstddef>
+#include <cstdint>
 
 #if defined(__x86_64__)
 #define QUELORA_HAVE_AVX512_KERNELS 1
@@ -352,8 +353,125 @@ QUELORA_AVX512 void avx512_row_pair_times_matrix(const float* a0, const float* a
     }
 }
 
-const matvec_kernels avx512{avx512_matrix_vector, avx512_matrix_matrix, avx512_matrix_vector_pair,
-                            avx512_row_pair_times_matrix, "avx512"};
+// exp(x) for x in [-88.3, 88.3] (callers clamp): x = n ln 2 + r with
+// |r| <= ln 2 / 2, exp(r) by the minimax polynomial of Moshier's Cephes
+// expf (relative error about 1e-7), scaled by 2^n exactly.
+QUELORA_AVX512 inline __m512 exp_clamped(__m512 x) {
+    const __m512 n = _mm512_roundscale_ps(_mm512_mul_ps(x, _mm512_set1_ps(1.44269504088896341f)),
+                                          _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+    // ln 2 in two parts, the first exact in a few bits, so that r is exact.
+    __m512 r = _mm512_fnmadd_ps(n, _mm512_set1_ps(0.693359375f), x);
+    r = _mm512_fnmadd_ps(n, _mm512_set1_ps(-2.12194440e-4f), r);
+    __m512 p = _mm512_set1_ps(1.9875691500e-4f);
+    p = _mm512_fmadd_ps(p, r, _mm512_set1_ps(1.3981999507e-3f));
+    p = _mm512_fmadd_ps(p, r, _mm512_set1_ps(8.3334519073e-3f));
+    p = _mm512_fmadd_ps(p, r, _mm512_set1_ps(4.1665795894e-2f));
+    p = _mm512_fmadd_ps(p, r, _mm512_set1_ps(1.6666665459e-1f));
+    p = _mm512_fmadd_ps(p, r, _mm512_set1_ps(5.0000001201e-1f));
+    p = _mm512_fmadd_ps(p, _mm512_mul_ps(r, r), _mm512_add_ps(r, _mm512_set1_ps(1.0f)));
+    return _mm512_scalef_ps(p, n);
+}
+
+constexpr float exp_limit = 88.0f; // exp of it still is a normal float
+
+QUELORA_AVX512 inline __m512 sigmoid16(__m512 x) {
+    const __m512 minus_x = _mm512_min_ps(
+        _mm512_max_ps(_mm512_sub_ps(_mm512_setzero_ps(), x), _mm512_set1_ps(-exp_limit)),
+        _mm512_set1_ps(exp_limit));
+    return _mm512_div_ps(_mm512_set1_ps(1.0f),
+                         _mm512_add_ps(exp_clamped(minus_x), _mm512_set1_ps(1.0f)));
+}
+
+// tanh as Cephes tanhf computes it: an odd polynomial below |x| = 0.625,
+// where 1 - 2 / (exp(2|x|) + 1) would cancel, that formula above.
+QUELORA_AVX512 inline __m512 tanh16(__m512 x) {
+    const __m512 magnitude = _mm512_abs_ps(x);
+    const __m512 z = _mm512_mul_ps(x, x);
+    __m512 p = _mm512_set1_ps(-5.70498872745e-3f);
+    p = _mm512_fmadd_ps(p, z, _mm512_set1_ps(2.06390887954e-2f));
+    p = _mm512_fmadd_ps(p, z, _mm512_set1_ps(-5.37397155531e-2f));
+    p = _mm512_fmadd_ps(p, z, _mm512_set1_ps(1.33314422036e-1f));
+    p = _mm512_fmadd_ps(p, z, _mm512_set1_ps(-3.33332819422e-1f));
+    const __m512 small = _mm512_fmadd_ps(_mm512_mul_ps(p, z), x, x);
+    const __m512 e =
+        exp_clamped(_mm512_min_ps(_mm512_add_ps(magnitude, magnitude), _mm512_set1_ps(exp_limit)));
+    __m512 large =
+        _mm512_sub_ps(_mm512_set1_ps(1.0f),
+                      _mm512_div_ps(_mm512_set1_ps(2.0f), _mm512_add_ps(e, _mm512_set1_ps(1.0f))));
+    // The sign of x onto the result.
+    large = _mm512_castsi512_ps(
+        _mm512_or_si512(_mm512_castps_si512(large),
+                        _mm512_and_si512(_mm512_castps_si512(x), _mm512_set1_epi32(INT32_MIN))));
+    const __mmask16 use_small = _mm512_cmp_ps_mask(magnitude, _mm512_set1_ps(0.625f), _CMP_LT_OQ);
+    return _mm512_mask_blend_ps(use_small, large, small);
+}
+
+template <__m512 (*F)(__m512)>
+QUELORA_AVX512 void element_wise(const float* x, float* y, std::size_t count) {
+    std::size_t i = 0;
+    for (; i + lanes <= count; i += lanes) _mm512_storeu_ps(y + i, F(_mm512_loadu_ps(x + i)));
+    if (i < count) {
+        const __mmask16 tail = first_lanes(static_cast<uint32_t>(count - i));
+        _mm512_mask_storeu_ps(y + i, tail, F(_mm512_maskz_loadu_ps(tail, x + i)));
+    }
+}
+
+QUELORA_AVX512 void avx512_sigmoid(const float* x, float* y, std::size_t count) {
+    element_wise<sigmoid16>(x, y, count);
+}
+
+QUELORA_AVX512 void avx512_tanh(const float* x, float* y, std::size_t count) {
+    element_wise<tanh16>(x, y, count);
+}
+
+// Eight rows of eight: the classic unpack, shuffle and lane-swap sequence.
+QUELORA_AVX512 inline void transpose_8x8(const float* in, std::size_t in_stride, float* out,
+                                         std::size_t out_stride) {
+    __m256 r[8], t[8];
+    QUELORA_UNROLL
+    for (int i = 0; i < 8; ++i)
+        r[i] = _mm256_loadu_ps(in + static_cast<std::size_t>(i) * in_stride);
+    QUELORA_UNROLL
+    for (int i = 0; i < 8; i += 2) {
+        t[i] = _mm256_unpacklo_ps(r[i], r[i + 1]);
+        t[i + 1] = _mm256_unpackhi_ps(r[i], r[i + 1]);
+    }
+    QUELORA_UNROLL
+    for (int i = 0; i < 8; i += 4) {
+        r[i] = _mm256_shuffle_ps(t[i], t[i + 2], 0x44);
+        r[i + 1] = _mm256_shuffle_ps(t[i], t[i + 2], 0xee);
+        r[i + 2] = _mm256_shuffle_ps(t[i + 1], t[i + 3], 0x44);
+        r[i + 3] = _mm256_shuffle_ps(t[i + 1], t[i + 3], 0xee);
+    }
+    QUELORA_UNROLL
+    for (int i = 0; i < 4; ++i) {
+        _mm256_storeu_ps(out + static_cast<std::size_t>(i) * out_stride,
+                         _mm256_permute2f128_ps(r[i], r[i + 4], 0x20));
+        _mm256_storeu_ps(out + static_cast<std::size_t>(i + 4) * out_stride,
+                         _mm256_permute2f128_ps(r[i], r[i + 4], 0x31));
+    }
+}
+
+QUELORA_AVX512 void avx512_transpose(const float* input, float* output, std::size_t rows,
+                                     std::size_t cols) {
+    const std::size_t full_rows = rows - rows % 8, full_cols = cols - cols % 8;
+    for (std::size_t r = 0; r < full_rows; r += 8)
+        for (std::size_t c = 0; c < full_cols; c += 8)
+            transpose_8x8(input + r * cols + c, cols, output + c * rows + r, rows);
+    // The edges that no whole block covers.
+    for (std::size_t r = 0; r < rows; ++r)
+        for (std::size_t c = r < full_rows ? full_cols : 0; c < cols; ++c)
+            output[c * rows + r] = input[r * cols + c];
+}
+
+const matvec_kernels avx512{avx512_matrix_vector,
+                            avx512_matrix_matrix,
+                            avx512_matrix_vector_pair,
+                            avx512_row_pair_times_matrix,
+                            avx512_sigmoid,
+                            avx512_tanh,
+                            avx512_transpose,
+                            "avx512"};
 
 } // namespace
 

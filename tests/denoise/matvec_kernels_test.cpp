@@ -17,6 +17,7 @@
 #include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace quelora::denoise {
@@ -170,6 +171,68 @@ TEST(MatvecTiles, VectorVersionsGiveIdenticalConvolutionProducts) {
         ASSERT_EQ(c2, c5) << s.m << "x" << s.k << "x" << s.n;
     }
 }
+
+} // namespace
+} // namespace quelora::denoise
+
+namespace quelora::denoise {
+namespace {
+
+class ElementWiseKernels : public ::testing::TestWithParam<testing::kernel_version> {};
+
+// Against double-precision references over -100 .. 100 (both saturations,
+// the polynomial/exponential border of tanh at 0.625, tiny and signed zero
+// inputs), in place, with every tail length; within 5 x 2^-24 of the result
+// (Eigen's rational tanh, the portable one, stops 4.1 ulp short of 1 from
+// |x| = 7.9 on), and an absolute floor where the result is nearly zero.
+TEST_P(ElementWiseKernels, SigmoidAndTanhMatchDoubleReferences) {
+    const matvec_kernels* f = testing::kernels_of(GetParam());
+    if (f == nullptr)
+        GTEST_SKIP() << "the processor lacks " << testing::kernel_version_name(GetParam());
+    std::vector<float> x = {0.0f,   -0.0f,   1e-30f, -1e-8f, 0.6249999f,
+                            0.625f, -0.625f, 88.0f,  -90.0f};
+    for (float v = -100.0f; v <= 100.0f; v += 0.0173f) x.push_back(v);
+    for (float v = -1.0f; v <= 1.0f; v += 0.000731f) x.push_back(v);
+    for (const bool sigmoid : {true, false})
+        for (std::size_t count : {x.size(), x.size() - 1, std::size_t{15}, std::size_t{1}}) {
+            std::vector<float> y(x.begin(), x.begin() + count);
+            y.push_back(sentinel);
+            (sigmoid ? f->sigmoid : f->tanh)(y.data(), y.data(), count);
+            for (std::size_t i = 0; i < count; ++i) {
+                const double want =
+                    sigmoid ? 1.0 / (1.0 + std::exp(-double{x[i]})) : std::tanh(double{x[i]});
+                ASSERT_LE(std::fabs(y[i] - want), 5 * 0x1p-24 * std::fabs(want) + 1e-38)
+                    << (sigmoid ? "sigmoid(" : "tanh(") << x[i] << ")";
+            }
+            ASSERT_EQ(y[count], sentinel) << "wrote past the end";
+        }
+}
+
+// Every shape from 1 x 1 to 20 x 20 (whole 8 x 8 blocks, edges and both) and
+// the model's own.
+TEST_P(ElementWiseKernels, TransposeMovesEveryElement) {
+    const matvec_kernels* f = testing::kernels_of(GetParam());
+    if (f == nullptr)
+        GTEST_SKIP() << "the processor lacks " << testing::kernel_version_name(GetParam());
+    std::vector<std::pair<std::size_t, std::size_t>> shapes = {
+        {64, 48}, {64, 8}, {10, 96}, {8, 64}};
+    for (std::size_t r = 1; r <= 20; ++r)
+        for (std::size_t c = 1; c <= 20; ++c) shapes.emplace_back(r, c);
+    for (const auto& [rows, cols] : shapes) {
+        std::vector<float> in(rows * cols), out(rows * cols + 1, sentinel);
+        for (std::size_t i = 0; i < in.size(); ++i) in[i] = float(i);
+        f->transpose(in.data(), out.data(), rows, cols);
+        for (std::size_t r = 0; r < rows; ++r)
+            for (std::size_t c = 0; c < cols; ++c)
+                ASSERT_EQ(out[c * rows + r], in[r * cols + c]) << rows << " x " << cols;
+        ASSERT_EQ(out[rows * cols], sentinel) << rows << " x " << cols << " wrote past the end";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, ElementWiseKernels, testing::all_kernel_versions(),
+                         [](const ::testing::TestParamInfo<testing::kernel_version>& param) {
+                             return std::string(testing::kernel_version_name(param.param));
+                         });
 
 } // namespace
 } // namespace quelora::denoise
