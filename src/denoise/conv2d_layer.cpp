@@ -40,28 +40,6 @@ void accumulate_three_taps(float* __restrict out, const float* __restrict a,
     for (uint32_t i = 0; i < count; ++i) out[i] += w0 * a[i] + w1 * b[i] + w2 * c[i];
 }
 
-// One channel of a row_taps layer: out[j] = (w0 x[Sj-1] + w1 x[Sj]) + w2 x[Sj+1]
-// for three taps, the input zero outside [0, n); the interior, which reads no
-// padding, is a plain loop the compiler vectorises. Summed as the padded
-// depthwise loop sums.
-template <uint32_t S>
-void row_three_taps(const float* __restrict x, uint32_t n, const float* w, float* __restrict out,
-                    uint32_t outs) {
-    const float w0 = w[0], w1 = w[1], w2 = w[2];
-    const auto border = [&](uint32_t j) {
-        const std::size_t i = std::size_t{S} * j;
-        const float before = i >= 1 ? x[i - 1] : 0.0f;
-        const float after = i + 1 < n ? x[i + 1] : 0.0f;
-        return (w0 * before + w1 * x[i]) + w2 * after;
-    };
-    // Outputs 1 .. end - 1 have both neighbours inside: S j + 1 < n.
-    const uint32_t end = std::min(outs, n >= 2 ? (n - 2) / S + 1 : 1u);
-    out[0] = border(0);
-    for (uint32_t j = 1; j < end; ++j)
-        out[j] = (w0 * x[S * j - 1] + w1 * x[S * j]) + w2 * x[S * j + 1];
-    for (uint32_t j = std::max(end, 1u); j < outs; ++j) out[j] = border(j);
-}
-
 // Splits a row into `stride` phases of `length` floats, phase p holding
 // row[j x stride + p]: every tap of a strided kernel then reads one phase
 // contiguously (tap kf starts at phase kf % stride, index kf / stride).
@@ -159,7 +137,8 @@ void conv2d_layer::forward(const float* input, float* output, const row_epilogue
     }
     switch (method_) {
     case method::row_taps:
-        forward_row_taps(input, output, after);
+        kernels_->row_taps(input, out_channels_, freq_, weights_, kernel_freq_, stride_, output,
+                           after);
         break;
     case method::depthwise:
         forward_depthwise(source, output);
@@ -204,37 +183,6 @@ void conv2d_layer::unfold(const float* source) {
                 }
             }
         }
-    }
-}
-
-// Channel by channel, each row finished by its epilogue while it is in cache.
-void conv2d_layer::forward_row_taps(const float* input, float* output,
-                                    const row_epilogue* after) const {
-    row_epilogue shifted{};
-    for (uint32_t c = 0; c < out_channels_; ++c) {
-        const float* x = input + std::size_t{c} * freq_;
-        float* out = output + std::size_t{c} * out_freq_;
-        const float* w = weights_ + std::size_t{c} * kernel_freq_;
-        if (kernel_freq_ == 1 && stride_ == 1 && after != nullptr) {
-            // The ERB decoder's skip paths: tap, norm and ReLU in one pass
-            // over the short row, rounded as the separate steps round.
-            const float tap = w[0], mean = after->mean[c], factor = after->factor[c],
-                        shift = after->shift[c];
-            for (uint32_t j = 0; j < out_freq_; ++j) {
-                const float v = (tap * x[j] - mean) * factor + shift;
-                out[j] = !after->relu || v > 0.0f ? v : 0.0f;
-            }
-            continue;
-        }
-        if (kernel_freq_ == 1) {
-            const float tap = w[0];
-            for (uint32_t j = 0; j < out_freq_; ++j) out[j] = tap * x[std::size_t{stride_} * j];
-        } else if (stride_ == 1) {
-            row_three_taps<1>(x, freq_, w, out, out_freq_);
-        } else {
-            row_three_taps<2>(x, freq_, w, out, out_freq_);
-        }
-        if (after != nullptr) apply_row_epilogue(out, 1, out_freq_, *rows_from(after, c, shifted));
     }
 }
 

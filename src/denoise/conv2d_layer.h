@@ -26,6 +26,8 @@ public:
     void forward(const float* input, float* output, const row_epilogue* after = nullptr);
     uint32_t output_time_length() const { return out_time_; }
     uint32_t output_freq_length() const { return out_freq_; }
+    // Multiply-adds of one forward call.
+    uint64_t multiply_adds() const { return uint64_t{out_channels_} * patch_rows_ * positions_; }
 
 private:
     // How forward runs, chosen once at construction.
@@ -46,7 +48,6 @@ private:
     void pad_input(const float* input);
     void unfold(const float* source);
     void forward_depthwise(const float* source, float* output);
-    void forward_row_taps(const float* input, float* output, const row_epilogue* after) const;
     void multiply(const float* patches, float* output, const row_epilogue* after) const;
 
     const float* weights_;

@@ -23,6 +23,10 @@ public:
     void forward(const float* input, float* output);
     uint32_t output_time_length() const { return out_time_; }
     uint32_t output_freq_length() const { return out_freq_; }
+    // Multiply-adds of one forward call (every input bin times every tap).
+    uint64_t multiply_adds() const {
+        return uint64_t{in_channels_} * (out_channels_ / groups_) * kernel_freq_ * in_freq_;
+    }
 
 private:
     const float* weights_;

@@ -205,6 +205,32 @@ void dfn_model::rotate_df_path() {
 
 dfn_model::~dfn_model() = default;
 
+dfn_work dfn_model::work() const {
+    const layers& l = *layers_;
+    dfn_work w;
+    for (const conv2d_layer* c :
+         {&l.erb_conv0, &l.erb_dw1, &l.erb_pw1, &l.erb_dw2, &l.erb_pw2, &l.erb_dw3, &l.erb_pw3,
+          &l.df_conv0,  &l.df_pw0,  &l.df_dw1,  &l.df_pw1,  &l.path3,   &l.dec_dw3, &l.dec_pw3,
+          &l.path2,     &l.up2_pw,  &l.path1,   &l.up1_pw,  &l.path0,   &l.erb_out, &l.df_path_pw})
+        w.convolution_multiply_adds += c->multiply_adds();
+    w.convolution_multiply_adds += l.up2_dw.multiply_adds() + l.up1_dw.multiply_adds() +
+                                   uint64_t{df_out_channels} * (ch / 2) * df_path_frames * df;
+    for (const grouped_linear_layer* g : {&l.df_embedding, &l.embedding_in, &l.embedding_middle,
+                                          &l.embedding_out, &l.df_in, &l.df_out}) {
+        const uint64_t weights = g->weight_count();
+        w.matrix_vector_multiply_adds += weights;
+        w.streamed_weight_bytes += weights * sizeof(float);
+    }
+    for (const gru_layer* g : {&l.gru1, &l.gru2, &l.gru3}) {
+        const uint64_t input = 3ull * g->hidden_size() * g->input_size();
+        const uint64_t recurrent = 3ull * g->hidden_size() * g->hidden_size();
+        w.matrix_vector_multiply_adds += input + recurrent;
+        w.streamed_weight_bytes += (input + recurrent) * sizeof(float);
+        w.recurrent_weight_bytes += recurrent * sizeof(float);
+    }
+    return w;
+}
+
 // The rest is scratch that every hop writes whole before reading it: the hop
 // buffers' other vectors, c0_, c1_, wide_, skip_, up_, df_path_, and the
 // layers' padding, patch and gate buffers (the padding's borders are zero from

@@ -18,6 +18,19 @@
 
 namespace quelora::denoise {
 
+// What one hop asks of the processor, counted from the layers' shapes. The
+// convolutions are compute bound (their weights are small and reused over
+// every bin); the GRUs and grouped linear layers are matrix-vector products,
+// bound by reading their weights: a block's two hops share one pass over all
+// of them except the GRUs' recurrent weights, which each hop reads again
+// (the second pass finds them in L2).
+struct dfn_work {
+    uint64_t convolution_multiply_adds = 0;   // per hop
+    uint64_t matrix_vector_multiply_adds = 0; // per hop
+    uint64_t streamed_weight_bytes = 0;       // every matrix-vector weight once
+    uint64_t recurrent_weight_bytes = 0;      // the GRUs' hidden-side weights
+};
+
 class dfn_model {
 public:
     // table: 1 517 904 floats in the row order of dfn_weight_layout.h,
@@ -48,6 +61,8 @@ public:
     const float* gains() const { return hops_[last_].gains.data(); }
     const float* coefficients() const { return hops_[last_].coefficients.data(); }
     const dfn_analysis& analysis() const { return analysis_; }
+
+    dfn_work work() const;
 
 private:
     struct layers;

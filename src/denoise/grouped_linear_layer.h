@@ -22,6 +22,8 @@ public:
     void forward_pair(const float* input_a, const float* input_b, float* output_a, float* output_b);
     uint32_t input_size() const { return group_in_ * groups_; }
     uint32_t output_size() const { return group_out_ * groups_; }
+    // Weights, and multiply-adds of one forward call.
+    uint64_t weight_count() const { return uint64_t{input_size()} * group_out_; }
 
 private:
     const float* weights_;

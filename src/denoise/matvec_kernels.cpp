@@ -15,6 +15,7 @@
 
 #include <Eigen/Core>
 
+#include <algorithm>
 #include <cstddef>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -54,6 +55,59 @@ void portable_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t
     if (epilogue != nullptr) apply_row_epilogue(c, m, n, *epilogue);
 }
 
+// One channel of the portable row taps: out[j] = (w0 x[Sj-1] + w1 x[Sj]) + w2 x[Sj+1],
+// the input zero outside [0, n); the interior, which reads no padding, is a
+// plain loop the compiler vectorises, the borders are computed apart.
+template <uint32_t S>
+void row_three_taps(const float* __restrict x, uint32_t n, const float* w, float* __restrict out,
+                    uint32_t outs) {
+    const float w0 = w[0], w1 = w[1], w2 = w[2];
+    const auto border = [&](uint32_t j) {
+        const std::size_t i = std::size_t{S} * j;
+        const float before = i >= 1 ? x[i - 1] : 0.0f;
+        const float after = i + 1 < n ? x[i + 1] : 0.0f;
+        return (w0 * before + w1 * x[i]) + w2 * after;
+    };
+    // Outputs 1 .. end - 1 have both neighbours inside: S j + 1 < n.
+    const uint32_t end = std::min(outs, n >= 2 ? (n - 2) / S + 1 : 1u);
+    out[0] = border(0);
+    for (uint32_t j = 1; j < end; ++j)
+        out[j] = (w0 * x[S * j - 1] + w1 * x[S * j]) + w2 * x[S * j + 1];
+    for (uint32_t j = std::max(end, 1u); j < outs; ++j) out[j] = border(j);
+}
+
+// Channel by channel, each row finished by its epilogue while it is in cache.
+void portable_row_taps(const float* input, uint32_t channels, uint32_t n, const float* weights,
+                       uint32_t taps, uint32_t stride, float* output, const row_epilogue* after) {
+    const uint32_t outs = (n - 1) / stride + 1;
+    row_epilogue shifted{};
+    for (uint32_t c = 0; c < channels; ++c) {
+        const float* x = input + std::size_t{c} * n;
+        float* out = output + std::size_t{c} * outs;
+        const float* w = weights + std::size_t{c} * taps;
+        if (taps == 1 && stride == 1 && after != nullptr) {
+            // The ERB decoder's skip paths: tap, norm and ReLU in one pass
+            // over the short row, rounded as the separate steps round.
+            const float tap = w[0], mean = after->mean[c], factor = after->factor[c],
+                        shift = after->shift[c];
+            for (uint32_t j = 0; j < outs; ++j) {
+                const float v = (tap * x[j] - mean) * factor + shift;
+                out[j] = !after->relu || v > 0.0f ? v : 0.0f;
+            }
+            continue;
+        }
+        if (taps == 1) {
+            const float tap = w[0];
+            for (uint32_t j = 0; j < outs; ++j) out[j] = tap * x[std::size_t{stride} * j];
+        } else if (stride == 1) {
+            row_three_taps<1>(x, n, w, out, outs);
+        } else {
+            row_three_taps<2>(x, n, w, out, outs);
+        }
+        if (after != nullptr) apply_row_epilogue(out, 1, outs, *rows_from(after, c, shifted));
+    }
+}
+
 // The pair kernels of the portable version are the two single products:
 // bit-identical to two separate calls, which is all a processor without
 // AVX2 needs (the shared pass over the weights is a speed matter only).
@@ -71,14 +125,15 @@ void portable_row_pair_times_matrix(const float* a0, const float* a1, const floa
 
 // The element-wise work of both versions in this file is activations.h's
 // (Eigen's vectorised functions for the baseline target).
-const matvec_kernels portable{portable_matrix_vector,
-                              portable_matrix_matrix,
-                              portable_matrix_vector_pair,
-                              portable_row_pair_times_matrix,
-                              denoise::sigmoid,
-                              denoise::tanh,
-                              denoise::transpose,
-                              "portable"};
+const matvec_kernels portable{.matrix_vector = portable_matrix_vector,
+                              .matrix_matrix = portable_matrix_matrix,
+                              .matrix_vector_pair = portable_matrix_vector_pair,
+                              .row_pair_times_matrix = portable_row_pair_times_matrix,
+                              .row_taps = portable_row_taps,
+                              .sigmoid = denoise::sigmoid,
+                              .tanh = denoise::tanh,
+                              .transpose = denoise::transpose,
+                              .name = "portable"};
 
 #if QUELORA_HAVE_AVX2_KERNELS
 
@@ -354,9 +409,15 @@ QUELORA_AVX2 void avx2_row_pair_times_matrix(const float* a0, const float* a1, c
     }
 }
 
-const matvec_kernels avx2_fma{
-    avx2_matrix_vector, avx2_matrix_matrix, avx2_matrix_vector_pair, avx2_row_pair_times_matrix,
-    denoise::sigmoid,   denoise::tanh,      denoise::transpose,      "avx2_fma"};
+const matvec_kernels avx2_fma{.matrix_vector = avx2_matrix_vector,
+                              .matrix_matrix = avx2_matrix_matrix,
+                              .matrix_vector_pair = avx2_matrix_vector_pair,
+                              .row_pair_times_matrix = avx2_row_pair_times_matrix,
+                              .row_taps = portable_row_taps,
+                              .sigmoid = denoise::sigmoid,
+                              .tanh = denoise::tanh,
+                              .transpose = denoise::transpose,
+                              .name = "avx2_fma"};
 
 #endif // QUELORA_HAVE_AVX2_KERNELS
 

@@ -68,6 +68,14 @@ struct matvec_kernels {
     // allowed; a version may differ from another by a few ulp), and the
     // [rows][cols] -> [cols][rows] transpose between the convolution maps and
     // the linear layers (no aliasing).
+    // The one-row depthwise convolutions of the model, channel by channel:
+    // out[c][j] = (w0 x[s j - 1] + w1 x[s j]) + w2 x[s j + 1] with three taps
+    // (x zero outside its n bins), w0 x[s j] with one; stride s is 1 or 2
+    // and each channel's row has (n - 1) / s + 1 bins. w is [channel][taps].
+    // after, when given, is applied to each channel's row (one row per
+    // channel). out must not alias x.
+    void (*row_taps)(const float* x, uint32_t channels, uint32_t n, const float* w, uint32_t taps,
+                     uint32_t stride, float* out, const row_epilogue* after);
     void (*sigmoid)(const float* x, float* y, std::size_t count);
     void (*tanh)(const float* x, float* y, std::size_t count);
     void (*transpose)(const float* input, float* output, std::size_t rows, std::size_t cols);

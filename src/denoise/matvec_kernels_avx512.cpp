@@ -15,6 +15,7 @@
 
 #include "dsp/processor_dispatch.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -353,6 +354,60 @@ QUELORA_AVX512 void avx512_row_pair_times_matrix(const float* a0, const float* a
     }
 }
 
+// Bins first .. first + 15 of a row of n, zero outside it (masked lanes are
+// not read).
+QUELORA_AVX512 inline __m512 row_bins(const float* x, int64_t first, uint32_t n) {
+    const int64_t low = first < 0 ? -first : 0;
+    const int64_t high = std::min<int64_t>(lanes, int64_t{n} - first);
+    if (high <= low) return _mm512_setzero_ps();
+    const auto mask = static_cast<__mmask16>(((1u << high) - 1u) & ~((1u << low) - 1u));
+    return _mm512_maskz_loadu_ps(mask, x + first);
+}
+
+// The even and the odd lanes of the 32 floats a, b.
+QUELORA_AVX512 inline __m512 evens(__m512 a, __m512 b) {
+    return _mm512_permutex2var_ps(
+        a, _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30), b);
+}
+
+QUELORA_AVX512 inline __m512 odds(__m512 a, __m512 b) {
+    return _mm512_permutex2var_ps(
+        a, _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31), b);
+}
+
+// Sixteen outputs from j0 on across the row: the three taps' inputs gathered
+// into whole vectors, then the portable version's products and sums.
+QUELORA_AVX512 void avx512_row_taps(const float* input, uint32_t channels, uint32_t n,
+                                    const float* weights, uint32_t taps, uint32_t stride,
+                                    float* output, const row_epilogue* after) {
+    const uint32_t outs = (n - 1) / stride + 1;
+    for (uint32_t c = 0; c < channels; ++c) {
+        const float* x = input + std::size_t{c} * n;
+        float* out = output + std::size_t{c} * outs;
+        const float* w = weights + std::size_t{c} * taps;
+        for (uint32_t j0 = 0; j0 < outs; j0 += lanes) {
+            const int64_t at = int64_t{stride} * j0;
+            __m512 before, centre, after_bin;
+            if (stride == 1) {
+                before = row_bins(x, at - 1, n);
+                centre = row_bins(x, at, n);
+                after_bin = row_bins(x, at + 1, n);
+            } else {
+                const __m512 a = row_bins(x, at - 1, n), b = row_bins(x, at + 15, n);
+                before = evens(a, b);
+                centre = odds(a, b);
+                after_bin = evens(row_bins(x, at + 1, n), row_bins(x, at + 17, n));
+            }
+            __m512 v = _mm512_mul_ps(_mm512_set1_ps(w[0]), taps == 1 ? centre : before);
+            if (taps == 3)
+                v = _mm512_add_ps(_mm512_add_ps(v, _mm512_mul_ps(_mm512_set1_ps(w[1]), centre)),
+                                  _mm512_mul_ps(_mm512_set1_ps(w[2]), after_bin));
+            v = finish(v, after, c);
+            _mm512_mask_storeu_ps(out + j0, first_lanes(std::min(lanes, outs - j0)), v);
+        }
+    }
+}
+
 // exp(x) for x in [-88.3, 88.3] (callers clamp): x = n ln 2 + r with
 // |r| <= ln 2 / 2, exp(r) by the minimax polynomial of Moshier's Cephes
 // expf (relative error about 1e-7), scaled by 2^n exactly.
@@ -464,14 +519,15 @@ QUELORA_AVX512 void avx512_transpose(const float* input, float* output, std::siz
             output[c * rows + r] = input[r * cols + c];
 }
 
-const matvec_kernels avx512{avx512_matrix_vector,
-                            avx512_matrix_matrix,
-                            avx512_matrix_vector_pair,
-                            avx512_row_pair_times_matrix,
-                            avx512_sigmoid,
-                            avx512_tanh,
-                            avx512_transpose,
-                            "avx512"};
+const matvec_kernels avx512{.matrix_vector = avx512_matrix_vector,
+                            .matrix_matrix = avx512_matrix_matrix,
+                            .matrix_vector_pair = avx512_matrix_vector_pair,
+                            .row_pair_times_matrix = avx512_row_pair_times_matrix,
+                            .row_taps = avx512_row_taps,
+                            .sigmoid = avx512_sigmoid,
+                            .tanh = avx512_tanh,
+                            .transpose = avx512_transpose,
+                            .name = "avx512"};
 
 } // namespace
 

@@ -229,6 +229,39 @@ TEST_P(ElementWiseKernels, TransposeMovesEveryElement) {
     }
 }
 
+// The one-row depthwise kernels against the portable one, bit for bit (both
+// keep the sums' order and round the norm step by step): every row length up
+// to 40 (several 16-lane chunks, every border), one and three taps, strides 1
+// and 2, with and without a norm and ReLU after, NaN included.
+TEST_P(ElementWiseKernels, RowTapsEqualThePortableOnes) {
+    const matvec_kernels* f = testing::kernels_of(GetParam());
+    if (f == nullptr)
+        GTEST_SKIP() << "the processor lacks " << testing::kernel_version_name(GetParam());
+    constexpr uint32_t channels = 3;
+    const auto w = random_values(3 * channels, 7), mean = random_values(channels, 8),
+               factor = random_values(channels, 9), shift = random_values(channels, 10);
+    for (uint32_t n = 1; n <= 40; ++n) {
+        auto x = random_values(channels * n, n);
+        x[n / 2] = std::nanf("");
+        for (const uint32_t taps : {1u, 3u})
+            for (const uint32_t stride : {1u, 2u})
+                for (const int norm : {0, 1, 2}) { // none, norm, norm and ReLU
+                    const row_epilogue e{mean.data(), factor.data(), shift.data(), norm == 2};
+                    const uint32_t outs = (n - 1) / stride + 1;
+                    std::vector<float> want(channels * outs + 1, sentinel), got = want;
+                    portable_matvec_kernels().row_taps(x.data(), channels, n, w.data(), taps,
+                                                       stride, want.data(),
+                                                       norm > 0 ? &e : nullptr);
+                    f->row_taps(x.data(), channels, n, w.data(), taps, stride, got.data(),
+                                norm > 0 ? &e : nullptr);
+                    for (std::size_t i = 0; i < got.size(); ++i)
+                        ASSERT_EQ(std::bit_cast<uint32_t>(got[i]), std::bit_cast<uint32_t>(want[i]))
+                            << n << " bins, " << taps << " taps, stride " << stride << ", norm "
+                            << norm << ", element " << i;
+                }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(, ElementWiseKernels, testing::all_kernel_versions(),
                          [](const ::testing::TestParamInfo<testing::kernel_version>& param) {
                              return std::string(testing::kernel_version_name(param.param));
