@@ -15,6 +15,7 @@
 #include "api/quelora_exception.h"
 #include "denoise/layer_checks.h"
 #include "denoise/matvec_kernels.h"
+#include "denoise/packed_matrix.h"
 
 #include <algorithm>
 #include <limits>
@@ -24,8 +25,14 @@ namespace quelora::denoise {
 namespace {
 
 // gates[g·H .. (g+1)·H) = W_g · v, g = r, z, n.
+// packed, when not null, is the [3H][cols] block in the kernels' packed order.
 void multiply_gates(const matvec_kernels& kernels, const float* const* w, bool block,
-                    uint32_t hidden, uint32_t cols, const float* v, float* gates) {
+                    const float* packed, uint32_t hidden, uint32_t cols, const float* v,
+                    float* gates) {
+    if (packed != nullptr) {
+        kernels.packed_matrix_vector(packed, 3 * hidden, cols, v, gates);
+        return;
+    }
     if (block) {
         kernels.matrix_vector(w[0], 3 * hidden, cols, v, gates);
         return;
@@ -36,8 +43,12 @@ void multiply_gates(const matvec_kernels& kernels, const float* const* w, bool b
 
 // The same for two vectors in one pass over W.
 void multiply_gates_pair(const matvec_kernels& kernels, const float* const* w, bool block,
-                         uint32_t hidden, uint32_t cols, const float* v0, const float* v1,
-                         float* gates0, float* gates1) {
+                         const float* packed, uint32_t hidden, uint32_t cols, const float* v0,
+                         const float* v1, float* gates0, float* gates1) {
+    if (packed != nullptr) {
+        kernels.packed_matrix_vector_pair(packed, 3 * hidden, cols, v0, v1, gates0, gates1);
+        return;
+    }
     if (block) {
         kernels.matrix_vector_pair(w[0], 3 * hidden, cols, v0, v1, gates0, gates1);
         return;
@@ -70,6 +81,12 @@ gru_layer::gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_i
     const std::size_t hidden_matrix = std::size_t{hidden_size} * hidden_size;
     input_block_ = w_iz == w_ir + input_matrix && w_in == w_iz + input_matrix;
     hidden_block_ = w_hz == w_hr + hidden_matrix && w_hn == w_hz + hidden_matrix;
+    // Kernels that stream packed matrices get the blocks' shared packed copies.
+    if (kernels.packed_matrix_vector != nullptr) {
+        if (input_block_) packed_input_ = shared_packed_matrix(w_ir, 3 * hidden_size, input_size);
+        if (hidden_block_)
+            packed_hidden_ = shared_packed_matrix(w_hr, 3 * hidden_size, hidden_size);
+    }
     hidden_.assign(hidden_size, 0.0f);
     input_gates_.assign(3 * std::size_t{hidden_size}, 0.0f);
     input_gates_b_.assign(3 * std::size_t{hidden_size}, 0.0f);
@@ -80,22 +97,22 @@ gru_layer::gru_layer(uint32_t input_size, uint32_t hidden_size, const float* w_i
 void gru_layer::reset() { std::fill(hidden_.begin(), hidden_.end(), 0.0f); }
 
 void gru_layer::forward(const float* input, float* output) {
-    multiply_gates(*kernels_, w_input_, input_block_, hidden_size_, input_size_, input,
-                   input_gates_.data());
+    multiply_gates(*kernels_, w_input_, input_block_, packed_input_, hidden_size_, input_size_,
+                   input, input_gates_.data());
     step(input_gates_.data(), output);
 }
 
 void gru_layer::forward_pair(const float* input_a, const float* input_b, float* output_a,
                              float* output_b) {
-    multiply_gates_pair(*kernels_, w_input_, input_block_, hidden_size_, input_size_, input_a,
-                        input_b, input_gates_.data(), input_gates_b_.data());
+    multiply_gates_pair(*kernels_, w_input_, input_block_, packed_input_, hidden_size_, input_size_,
+                        input_a, input_b, input_gates_.data(), input_gates_b_.data());
     step(input_gates_.data(), output_a);
     step(input_gates_b_.data(), output_b);
 }
 
 void gru_layer::step(float* input_gates, float* output) {
     const uint32_t n_h = hidden_size_;
-    multiply_gates(*kernels_, w_hidden_, hidden_block_, n_h, n_h, hidden_.data(),
+    multiply_gates(*kernels_, w_hidden_, hidden_block_, packed_hidden_, n_h, n_h, hidden_.data(),
                    hidden_gates_.data());
 
     float* r = input_gates;

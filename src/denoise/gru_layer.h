@@ -47,6 +47,10 @@ private:
     const float* b_input_[3];
     const float* b_hidden_[3];
     bool input_block_, hidden_block_; // the three matrices lie back to back
+    // The blocks in the packed order of packed_matrix.h, for kernels that
+    // stream them so; null otherwise.
+    const float* packed_input_ = nullptr;
+    const float* packed_hidden_ = nullptr;
     const matvec_kernels* kernels_;
     std::vector<float> hidden_;        // h, zero at construction
     std::vector<float> input_gates_;   // W_i· x for r, z, n (3H)

@@ -68,6 +68,13 @@ struct matvec_kernels {
     // allowed; a version may differ from another by a few ulp), and the
     // [rows][cols] -> [cols][rows] transpose between the convolution maps and
     // the linear layers (no aliasing).
+    // matrix_vector and matrix_vector_pair on a matrix in the packed order of
+    // packed_matrix.h (the GRUs' weights); null in the versions that stream
+    // the row-major matrix as it is. Equal to the row-major forms bit for bit.
+    void (*packed_matrix_vector)(const float* packed, uint32_t rows, uint32_t cols, const float* x,
+                                 float* y);
+    void (*packed_matrix_vector_pair)(const float* packed, uint32_t rows, uint32_t cols,
+                                      const float* x0, const float* x1, float* y0, float* y1);
     // The one-row depthwise convolutions of the model, channel by channel:
     // out[c][j] = (w0 x[s j - 1] + w1 x[s j]) + w2 x[s j + 1] with three taps
     // (x zero outside its n bins), w0 x[s j] with one; stride s is 1 or 2

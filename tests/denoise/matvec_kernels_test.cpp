@@ -8,11 +8,14 @@
 #include "denoise/activations.h"
 #include "denoise/batch_norm_layer.h"
 #include "denoise/matvec_kernels.h"
+#include "denoise/packed_matrix.h"
 #include "support/kernel_versions.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <cmath>
 #include <random>
 #include <string>
@@ -260,6 +263,45 @@ TEST_P(ElementWiseKernels, RowTapsEqualThePortableOnes) {
                             << norm << ", element " << i;
                 }
     }
+}
+
+// The packed matrix-vector products equal the row-major ones bit for bit, on the GRU shapes and on
+// rows and columns off the 8 x 16 grid (padding in every direction).
+TEST_P(ElementWiseKernels, PackedProductsEqualTheRowMajorOnes) {
+    const matvec_kernels* f = testing::kernels_of(GetParam());
+    if (f == nullptr)
+        GTEST_SKIP() << "the processor lacks " << testing::kernel_version_name(GetParam());
+    if (f->packed_matrix_vector == nullptr) GTEST_SKIP() << "this version reads row-major weights";
+    for (const auto& [rows, cols] : std::vector<std::pair<uint32_t, uint32_t>>{
+             {768, 256}, {48, 24}, {48, 16}, {1, 1}, {7, 5}, {9, 17}, {13, 33}, {16, 31}}) {
+        const auto a = random_values(std::size_t{rows} * cols, rows * 31u + cols);
+        const auto x0 = random_values(cols, 1), x1 = random_values(cols, 2);
+        const float* packed = shared_packed_matrix(a.data(), rows, cols);
+        std::vector<float> want0(rows + 1, sentinel), want1 = want0, got0 = want0, got1 = want0;
+        f->matrix_vector_pair(a.data(), rows, cols, x0.data(), x1.data(), want0.data(),
+                              want1.data());
+        f->packed_matrix_vector_pair(packed, rows, cols, x0.data(), x1.data(), got0.data(),
+                                     got1.data());
+        EXPECT_EQ(got0, want0) << rows << " x " << cols << " pair, first";
+        EXPECT_EQ(got1, want1) << rows << " x " << cols << " pair, second";
+        f->packed_matrix_vector(packed, rows, cols, x1.data(), got0.data());
+        EXPECT_EQ(got0, want1) << rows << " x " << cols;
+    }
+}
+
+// One copy per matrix, shared; a matrix whose contents changed at the same
+// address gets a new one.
+TEST(PackedMatrix, CopiesAreSharedAndFollowTheContents) {
+    std::vector<float> a = random_values(48 * 24, 3);
+    const float* first = shared_packed_matrix(a.data(), 48, 24);
+    EXPECT_EQ(shared_packed_matrix(a.data(), 48, 24), first);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first) % 64, 0u);
+    a[100] += 1.0f;
+    const float* second = shared_packed_matrix(a.data(), 48, 24);
+    EXPECT_NE(second, first);
+    std::vector<float> repacked(packed_matrix_floats(48, 24));
+    pack_matrix(a.data(), 48, 24, repacked.data());
+    EXPECT_TRUE(std::equal(repacked.begin(), repacked.end(), second));
 }
 
 INSTANTIATE_TEST_SUITE_P(, ElementWiseKernels, testing::all_kernel_versions(),
