@@ -10,6 +10,7 @@
 #include "denoise/matvec_kernels.h"
 
 #include "denoise/activations.h"
+#include "denoise/kernel_unroll.h"
 
 #include "dsp/processor_dispatch.h"
 
@@ -169,11 +170,13 @@ template <int R>
 QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, const float* x,
                            float* y) {
     __m256 even[R], odd[R];
+    QUELORA_UNROLL
     for (int r = 0; r < R; ++r) even[r] = odd[r] = _mm256_setzero_ps();
     uint32_t c = 0;
     for (; c + 16 <= cols; c += 16) {
         const __m256 x0 = _mm256_loadu_ps(x + c);
         const __m256 x1 = _mm256_loadu_ps(x + c + 8);
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r) {
             const float* row = a + static_cast<std::size_t>(r) * stride + c;
             even[r] = _mm256_fmadd_ps(_mm256_loadu_ps(row), x0, even[r]);
@@ -182,6 +185,7 @@ QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, co
     }
     if (c + 8 <= cols) {
         const __m256 x0 = _mm256_loadu_ps(x + c);
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r)
             even[r] = _mm256_fmadd_ps(_mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c),
                                       x0, even[r]);
@@ -190,14 +194,17 @@ QUELORA_AVX2 void dot_rows(const float* a, std::size_t stride, uint32_t cols, co
     if (c < cols) {
         const __m256i mask = first_lanes(cols - c);
         const __m256 x0 = _mm256_maskload_ps(x + c, mask);
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r)
             odd[r] = _mm256_fmadd_ps(
                 _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask), x0, odd[r]);
     }
+    QUELORA_UNROLL
     for (int r = 0; r < R; ++r) even[r] = _mm256_add_ps(even[r], odd[r]);
     if constexpr (R == 4) {
         _mm_storeu_ps(y, horizontal_sums(even[0], even[1], even[2], even[3]));
     } else {
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r) y[r] = horizontal_sum(even[r]);
     }
 }
@@ -227,20 +234,26 @@ QUELORA_AVX2 void product_tile(const float* a, std::size_t lda, const float* b, 
                                uint32_t k, float* c, std::size_t ldc, __m256i tail,
                                const row_epilogue* e) {
     __m256 acc[R * V];
+    QUELORA_UNROLL
     for (int i = 0; i < R * V; ++i) acc[i] = _mm256_setzero_ps();
     for (uint32_t l = 0; l < k; ++l) {
         const float* b_row = b + l * ldb;
         __m256 bv[V];
+        QUELORA_UNROLL
         for (int v = 0; v < V; ++v)
             bv[v] = Partial && v == V - 1 ? _mm256_maskload_ps(b_row + 8 * v, tail)
                                           : _mm256_loadu_ps(b_row + 8 * v);
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r) {
             const __m256 av = _mm256_broadcast_ss(a + static_cast<std::size_t>(r) * lda + l);
+            QUELORA_UNROLL
             for (int v = 0; v < V; ++v) acc[r * V + v] = _mm256_fmadd_ps(av, bv[v], acc[r * V + v]);
         }
     }
+    QUELORA_UNROLL
     for (int r = 0; r < R; ++r) {
         float* c_row = c + static_cast<std::size_t>(r) * ldc;
+        QUELORA_UNROLL
         for (int v = 0; v < V; ++v) {
             const __m256 out = finish(acc[r * V + v], e, static_cast<std::size_t>(r));
             if (Partial && v == V - 1)
@@ -282,24 +295,40 @@ QUELORA_AVX2 void product_rows(const float* a, const float* b, uint32_t k, uint3
     }
 }
 
-// Eight rows at a time share each loaded vector of b (then four); single
-// rows (the grouped linear layer's m = 1) get eight vectors instead, enough
-// independent chains to cover the FMA latency. Tiles with more than one row
-// and more than one vector are avoided: GCC 12 then writes every
-// accumulator back to the stack on each step, which halved the speed.
-QUELORA_AVX2 void avx2_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k,
-                                     uint32_t n, float* c, const row_epilogue* epilogue) {
+// Rows in blocks of R, then one at a time (single rows, such as the grouped
+// linear layer's m = 1, get eight vectors: enough independent chains to
+// cover the FMA latency).
+template <int R, int V>
+QUELORA_AVX2 void product_blocks(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
+                                 float* c, const row_epilogue* epilogue) {
     row_epilogue shifted{};
     uint32_t i = 0;
-    for (; i + 8 <= m; i += 8)
-        product_rows<8, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
-                           rows_from(epilogue, i, shifted));
-    for (; i + 4 <= m; i += 4)
-        product_rows<4, 1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+    for (; i + R <= m; i += R)
+        product_rows<R, V>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
                            rows_from(epilogue, i, shifted));
     for (; i < m; ++i)
         product_rows<1, 8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
                            rows_from(epilogue, i, shifted));
+}
+
+// Tiles that fill the sixteen registers: 4 x 3 vectors (twelve accumulators,
+// three loaded vectors and a broadcast) for maps wider than two vectors,
+// 6 x 2 for two, 8 x 1 for one.
+QUELORA_AVX2 void avx2_matrix_matrix(const float* a, const float* b, uint32_t m, uint32_t k,
+                                     uint32_t n, float* c, const row_epilogue* epilogue) {
+    if (n > 16)
+        product_blocks<4, 3>(a, b, m, k, n, c, epilogue);
+    else if (n > 8)
+        product_blocks<6, 2>(a, b, m, k, n, c, epilogue);
+    else
+        product_blocks<8, 1>(a, b, m, k, n, c, epilogue);
+}
+
+// Keeps a loaded weight vector in its register: GCC otherwise folds the load
+// into both FMAs that use it and reads every weight twice.
+QUELORA_AVX2 inline __m256 in_register(__m256 v) {
+    asm("" : "+x"(v));
+    return v;
 }
 
 // R rows of a, each dotted with x0 and with x1: every row vector is loaded
@@ -309,13 +338,16 @@ template <int R>
 QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t cols, const float* x0,
                                 const float* x1, float* y0, float* y1) {
     __m256 s0[R], s1[R];
+    QUELORA_UNROLL
     for (int r = 0; r < R; ++r) s0[r] = s1[r] = _mm256_setzero_ps();
     uint32_t c = 0;
     for (; c + 8 <= cols; c += 8) {
         const __m256 v0 = _mm256_loadu_ps(x0 + c);
         const __m256 v1 = _mm256_loadu_ps(x1 + c);
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r) {
-            const __m256 w = _mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c);
+            const __m256 w =
+                in_register(_mm256_loadu_ps(a + static_cast<std::size_t>(r) * stride + c));
             s0[r] = _mm256_fmadd_ps(w, v0, s0[r]);
             s1[r] = _mm256_fmadd_ps(w, v1, s1[r]);
         }
@@ -324,6 +356,7 @@ QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t col
         const __m256i mask = first_lanes(cols - c);
         const __m256 v0 = _mm256_maskload_ps(x0 + c, mask);
         const __m256 v1 = _mm256_maskload_ps(x1 + c, mask);
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r) {
             const __m256 w = _mm256_maskload_ps(a + static_cast<std::size_t>(r) * stride + c, mask);
             s0[r] = _mm256_fmadd_ps(w, v0, s0[r]);
@@ -334,6 +367,7 @@ QUELORA_AVX2 void dot_rows_pair(const float* a, std::size_t stride, uint32_t col
         _mm_storeu_ps(y0, horizontal_sums(s0[0], s0[1], s0[2], s0[3]));
         _mm_storeu_ps(y1, horizontal_sums(s1[0], s1[1], s1[2], s1[3]));
     } else {
+        QUELORA_UNROLL
         for (int r = 0; r < R; ++r) {
             y0[r] = horizontal_sum(s0[r]);
             y1[r] = horizontal_sum(s1[r]);
@@ -358,11 +392,13 @@ template <int V, bool Partial>
 QUELORA_AVX2 void pair_tile(const float* a0, const float* a1, const float* b, std::size_t ldb,
                             uint32_t k, float* c0, float* c1, __m256i tail) {
     __m256 acc0[V], acc1[V];
+    QUELORA_UNROLL
     for (int v = 0; v < V; ++v) acc0[v] = acc1[v] = _mm256_setzero_ps();
     for (uint32_t l = 0; l < k; ++l) {
         const float* b_row = b + l * ldb;
         const __m256 s0 = _mm256_broadcast_ss(a0 + l);
         const __m256 s1 = _mm256_broadcast_ss(a1 + l);
+        QUELORA_UNROLL
         for (int v = 0; v < V; ++v) {
             const __m256 bv = Partial && v == V - 1 ? _mm256_maskload_ps(b_row + 8 * v, tail)
                                                     : _mm256_loadu_ps(b_row + 8 * v);
@@ -370,6 +406,7 @@ QUELORA_AVX2 void pair_tile(const float* a0, const float* a1, const float* b, st
             acc1[v] = _mm256_fmadd_ps(s1, bv, acc1[v]);
         }
     }
+    QUELORA_UNROLL
     for (int v = 0; v < V; ++v) {
         if (Partial && v == V - 1) {
             _mm256_maskstore_ps(c0 + 8 * v, tail, acc0[v]);

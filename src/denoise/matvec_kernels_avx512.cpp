@@ -13,6 +13,7 @@
 // version sums, so both give identical floats.
 #include "denoise/matvec_kernels.h"
 
+#include "denoise/kernel_unroll.h"
 #include "denoise/packed_matrix.h"
 #include "dsp/processor_dispatch.h"
 
@@ -40,16 +41,6 @@ namespace quelora::denoise {
 namespace {
 
 #define QUELORA_AVX512 __attribute__((target("avx512f,avx2,fma")))
-
-// Every loop over a tile's rows or vectors carries an unroll pragma: left
-// to itself, GCC 12 at -O3 keeps the accumulator arrays in
-// memory and stores all of them on every step of the inner dimension, which
-// ran the 4 x 6 tile at a third of its speed.
-#if defined(__clang__)
-#define QUELORA_UNROLL _Pragma("unroll")
-#else
-#define QUELORA_UNROLL _Pragma("GCC unroll 32")
-#endif
 
 constexpr uint32_t lanes = 16;
 
@@ -312,16 +303,19 @@ QUELORA_AVX512 void product_blocks(const float* a, const float* b, uint32_t m, u
 // that splits 512-bit FMAs in two runs twice as many of these per cycle,
 // and half of each 512-bit lane would be masked off anyway. R rows of one
 // vector each, the same chains as the AVX2 version's.
-template <int R>
+template <int R, bool Partial>
 QUELORA_AVX512 void narrow_tile(const float* a, const float* b, uint32_t k, uint32_t n, float* c,
                                 const row_epilogue* e) {
-    const __m256i tail = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(n)),
-                                            _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    // AVX-512 masked loads and stores (the AVX2 ones are slow on some
+    // processors); only the low eight lanes are ever enabled.
+    const __mmask16 tail = first_lanes(n);
     __m256 acc[R];
     QUELORA_UNROLL
     for (int r = 0; r < R; ++r) acc[r] = _mm256_setzero_ps();
     for (uint32_t l = 0; l < k; ++l) {
-        const __m256 bv = _mm256_maskload_ps(b + std::size_t{l} * n, tail);
+        const float* b_row = b + std::size_t{l} * n;
+        const __m256 bv = Partial ? _mm512_castps512_ps256(_mm512_maskz_loadu_ps(tail, b_row))
+                                  : _mm256_loadu_ps(b_row);
         QUELORA_UNROLL
         for (int r = 0; r < R; ++r)
             acc[r] = _mm256_fmadd_ps(_mm256_broadcast_ss(a + static_cast<std::size_t>(r) * k + l),
@@ -336,20 +330,30 @@ QUELORA_AVX512 void narrow_tile(const float* a, const float* b, uint32_t k, uint
                               _mm256_set1_ps(e->shift[r]));
             if (e->relu) v = _mm256_max_ps(v, _mm256_setzero_ps());
         }
-        _mm256_maskstore_ps(c + static_cast<std::size_t>(r) * n, tail, v);
+        _mm512_mask_storeu_ps(c + static_cast<std::size_t>(r) * n, tail, _mm512_castps256_ps512(v));
     }
+}
+
+// Whole eight-float rows load plainly; shorter ones under a mask.
+template <bool Partial>
+QUELORA_AVX512 void narrow_rows(const float* a, const float* b, uint32_t m, uint32_t k, uint32_t n,
+                                float* c, const row_epilogue* epilogue) {
+    row_epilogue shifted{};
+    uint32_t i = 0;
+    for (; i + 8 <= m; i += 8)
+        narrow_tile<8, Partial>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                                rows_from(epilogue, i, shifted));
+    for (; i < m; ++i)
+        narrow_tile<1, Partial>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
+                                rows_from(epilogue, i, shifted));
 }
 
 QUELORA_AVX512 void narrow_product(const float* a, const float* b, uint32_t m, uint32_t k,
                                    uint32_t n, float* c, const row_epilogue* epilogue) {
-    row_epilogue shifted{};
-    uint32_t i = 0;
-    for (; i + 8 <= m; i += 8)
-        narrow_tile<8>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
-                       rows_from(epilogue, i, shifted));
-    for (; i < m; ++i)
-        narrow_tile<1>(a + std::size_t{i} * k, b, k, n, c + std::size_t{i} * n,
-                       rows_from(epilogue, i, shifted));
+    if (n == 8)
+        narrow_rows<false>(a, b, m, k, n, c, epilogue);
+    else
+        narrow_rows<true>(a, b, m, k, n, c, epilogue);
 }
 
 // Wide maps (four vectors or more, the 96- and 48-wide ones) in 4 x 6 tiles:

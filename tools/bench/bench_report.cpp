@@ -86,6 +86,7 @@ json to_json(const p_max_result& p) {
                 {"input_rate", 48000},
                 {"output_rate", 48000},
                 {"mixing_3d", p.mixing_3d},
+                {"noise_cancellation", p.noise_cancellation},
                 {"reverb", p.mixing_3d},
                 {"spatial_quality", p.spatial_quality},
                 {"criterion", p.cpu_time ? "rtf_cpu < 1.0" : "rtf_mean < 1.0"},
@@ -181,6 +182,8 @@ void print_p_max(const p_max_result& p) {
     char what[96];
     if (p.mixing_3d) {
         std::snprintf(what, sizeof what, "3D and reverb on, quality %d, ", p.spatial_quality);
+    } else if (p.noise_cancellation) {
+        std::snprintf(what, sizeof what, "DFN noise cancellation on for every talker, ");
     } else {
         what[0] = '\0';
     }
@@ -230,6 +233,7 @@ bool write_json(const report& r, const std::string& path, std::string& error) {
         {"results", results},
         {"p_max", to_json(r.p_max)},
         {"spatial_p_max", spatial},
+        {"noise_cancellation_p_max", to_json(r.noise_cancellation_p_max)},
         {"pair_cost", pair_cost_json(r)}};
     const std::filesystem::path file(path);
     std::error_code ignored;

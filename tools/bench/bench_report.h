@@ -21,6 +21,7 @@ namespace quelora::bench {
 // time other processes held the core).
 struct p_max_result {
     bool mixing_3d = false;    // 3D and reverb on for everybody
+    bool noise_cancellation = false; // the DFN canceller on for every talker
     int32_t spatial_quality = 3;
     int32_t target = 0;        // the count this search is held against (0: none)
     double period_seconds = 0.0;
@@ -44,6 +45,7 @@ struct report {
     std::vector<measurement> results;
     p_max_result p_max;
     std::vector<p_max_result> spatial_p_max;
+    p_max_result noise_cancellation_p_max;
     core_peak peak;
     std::vector<achieved_rate> achieved; // one per spatial P_max found
 };

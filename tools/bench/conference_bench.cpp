@@ -4,8 +4,9 @@
 // through the public C interface, and the real-time factor (RTF) is the wall
 // time of one period's calls divided by 10 ms. Sweeps P (R = 1), searches the
 // largest P that stays below RTF 1.0 (P_max), then the same with 3D and
-// reverb on for everybody at spatial qualities 1 and 3, then a few room counts
-// and the resampling variants. Last, what one listener-source pair of the
+// reverb on for everybody at spatial qualities 1 and 3, then with the DFN
+// noise canceller on for every talker, then a few room counts and the
+// resampling variants. Last, what one listener-source pair of the
 // binaural renderer costs and the rate the 3D runs reached against this
 // core's measured peak (pair_cost.h). Writes a table to standard output and
 // JSON to out/bench.json (--out). Speed is reported here, never asserted.
@@ -151,6 +152,18 @@ public:
         return true;
     }
 
+    // The DFN noise canceller on for every talker: how many such talkers the
+    // one thread carries, held against 45.
+    bool noise_cancellation_search() {
+        bench::p_max_result& result = report_.noise_cancellation_p_max;
+        result.cpu_time = cpu_time_;
+        result.noise_cancellation = true;
+        result.target = 45;
+        const bench::scenario base{"anc-swp", 1, 2, 48000, 48000, false, true};
+        std::map<int32_t, bench::measurement> rows;
+        return search(base, "anc-srch", plan_.spatial_cap, rows, result);
+    }
+
     // This core's peak, against which the 3D runs are set (before them, so
     // that print order follows what was measured).
     void measure_peak() {
@@ -293,10 +306,11 @@ int main(int argc, char** argv) {
     run.measure_peak();
     bench::print_header();
     const bool measured = run.sweep_and_search() && run.spatial_sweeps_and_searches() &&
-                          run.rooms() && run.variants();
+                          run.noise_cancellation_search() && run.rooms() && run.variants();
     const bench::report& report = run.result();
     bench::print_p_max(report.p_max);
     for (const auto& p : report.spatial_p_max) bench::print_p_max(p);
+    bench::print_p_max(report.noise_cancellation_p_max);
     bench::print_pair_sizes();
     bench::print_core_peak(report.peak);
     bench::print_achieved(report.achieved);
