@@ -26,11 +26,22 @@ struct packed_entry {
     std::vector<packed_line> packed;
 };
 
-// FNV-1a over the matrix's bytes.
+// FNV-1a over the matrix's floats taken two at a time as 64-bit words (a
+// participant's canceller hashes its 4.7 MB of GRU weights when it is made:
+// about half a millisecond this way, several byte by byte).
 uint64_t content_hash(const float* a, std::size_t count) {
     uint64_t h = 0xcbf29ce484222325ull;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(a);
-    for (std::size_t i = 0; i < count * sizeof(float); ++i) h = (h ^ bytes[i]) * 0x100000001b3ull;
+    std::size_t i = 0;
+    for (; i + 2 <= count; i += 2) {
+        uint64_t word;
+        std::memcpy(&word, a + i, sizeof word);
+        h = (h ^ word) * 0x100000001b3ull;
+    }
+    if (i < count) {
+        uint32_t last;
+        std::memcpy(&last, a + i, sizeof last);
+        h = (h ^ last) * 0x100000001b3ull;
+    }
     return h;
 }
 

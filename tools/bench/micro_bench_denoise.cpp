@@ -128,7 +128,7 @@ void BM_NoiseCancellerTalkers(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * talkers);
     set_realtime_counter(state, talkers * frames / 48000.0);
 }
-BENCHMARK(BM_NoiseCancellerTalkers)->ArgName("talkers")->Arg(1)->Arg(4)->Arg(16);
+BENCHMARK(BM_NoiseCancellerTalkers)->ArgName("talkers")->Arg(1)->Arg(16)->Arg(48);
 
 void BM_DfnModelHop(benchmark::State& state) {
     quelora::denoise::dfn_model model(quelora::denoise::dfn_default_weights());
