@@ -56,10 +56,9 @@ double block_bound_seconds() {
     return bound;
 }
 
-void BM_NoiseCancellerBlock(benchmark::State& state) {
-    const auto frames = static_cast<int32_t>(state.range(0));
+// Times one canceller's blocks of `frames` samples of a noisy talker.
+void time_blocks(benchmark::State& state, noise_canceller& canceller, int32_t frames) {
     constexpr int32_t blocks = 100;
-    noise_canceller canceller(48000, 1, static_cast<uint32_t>(frames));
     const std::vector<float> input = noisy_talker(frames * blocks);
     std::vector<float> out(static_cast<std::size_t>(frames)), dry(out.size());
     int32_t b = 0;
@@ -70,6 +69,12 @@ void BM_NoiseCancellerBlock(benchmark::State& state) {
         b = (b + 1) % blocks;
     }
     set_realtime_counter(state, frames / 48000.0);
+}
+
+void BM_NoiseCancellerBlock(benchmark::State& state) {
+    const auto frames = static_cast<int32_t>(state.range(0));
+    noise_canceller canceller(48000, 1, static_cast<uint32_t>(frames));
+    time_blocks(state, canceller, frames);
     if (frames == 480) {
         const double bound = block_bound_seconds();
         state.counters["bound_us"] = bound * 1e6;
@@ -91,18 +96,8 @@ void BM_NoiseCancellerKernels(benchmark::State& state) {
         state.SkipWithError("this processor lacks the version");
         return;
     }
-    constexpr int32_t frames = 480, blocks = 100;
-    noise_canceller canceller(48000, 1, frames, quelora::denoise::dfn_default_weights(), *kernels);
-    const std::vector<float> input = noisy_talker(frames * blocks);
-    std::vector<float> out(frames), dry(frames);
-    int32_t b = 0;
-    const quelora::dsp::denormal_guard no_denormals;
-    for (auto _ : state) {
-        canceller.process(input.data() + b * frames, out.data(), dry.data());
-        benchmark::DoNotOptimize(out.data());
-        b = (b + 1) % blocks;
-    }
-    set_realtime_counter(state, frames / 48000.0);
+    noise_canceller canceller(48000, 1, 480, quelora::denoise::dfn_default_weights(), *kernels);
+    time_blocks(state, canceller, 480);
     state.SetLabel(kernels->name);
 }
 BENCHMARK(BM_NoiseCancellerKernels)->ArgName("version")->Arg(0)->Arg(1)->Arg(2);
