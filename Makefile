@@ -27,7 +27,7 @@ TSAN_ENV := TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 SAN_WRAP := $(shell test "$$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 0)" -gt 28 \
               && echo "setarch $$(uname -m) -R")
 
-.PHONY: build test bench demo control-demo sanitize tsan clean
+.PHONY: build test bench demo control-demo live soak sanitize tsan clean
 
 build:
 	scripts/bootstrap
@@ -35,7 +35,7 @@ build:
 	$(CMAKE) --build $(BUILD_DIR) -j$(NPROC)
 
 test: build
-	$(CTEST) --test-dir $(BUILD_DIR) --output-on-failure -j2
+	$(CTEST) --test-dir $(BUILD_DIR) --output-on-failure -j2 -LE soak
 
 # Speed, measured and reported, never asserted: the Google Benchmark suite of
 # the per-block hot paths (out/micro_bench.json), then the conference
@@ -55,6 +55,17 @@ bench: build
 # the shipped round table; one WAV per listener and a summary, under out/.
 demo: build
 	$(BUILD_DIR)/tools/quelora_conference
+
+# The live room (docs/live_room.md): a conferencing server on this machine that
+# browsers join at the address it prints, with the simulator's four talkers as
+# bots. LIVE_ARGS adds options, e.g. LIVE_ARGS="--port 9000 --bot talk.wav".
+live: build
+	$(BUILD_DIR)/tools/live_room/quelora_live_room --demo-bots $(LIVE_ARGS)
+
+# The live room's soak run: 16 bots and 4 browser tabs for 2 minutes, one tab
+# killed on the way (not part of make test: it takes its two minutes).
+soak: build
+	$(CTEST) --test-dir $(BUILD_DIR) -L soak --output-on-failure
 
 # The control-plane demo: seats, moves and directions, no audio.
 control-demo: build
