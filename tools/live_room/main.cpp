@@ -102,8 +102,12 @@ int main(int argc, char** argv) {
                     static_cast<unsigned>(server.port()), bot_files.size());
         std::fflush(stdout);
         io.run();
-        // The audio thread posts to the network's executor: it stops first.
+        // The audio thread posts to the network's executor and the
+        // measurements call back into the server: both end first. Then the
+        // sessions that io still holds leave the room as it is destroyed,
+        // and their notifications must not reach a server that has gone.
         host.stop_audio();
+        server.finish_measurements();
         host.on_engine_change(nullptr);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "quelora_live_room: %s\n", e.what());

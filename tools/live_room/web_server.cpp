@@ -374,9 +374,12 @@ web_server::web_server(net::io_context& io, conference_host& host, const options
     state_->acceptor.listen();
 }
 
-web_server::~web_server() {
+web_server::~web_server() { finish_measurements(); }
+
+void web_server::finish_measurements() {
     for (std::thread& t : state_->probes)
         if (t.joinable()) t.join();
+    state_->probes.clear();
 }
 
 uint16_t web_server::port() const { return state_->acceptor.local_endpoint().port(); }

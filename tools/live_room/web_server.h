@@ -23,6 +23,10 @@ public:
     ~web_server();
 
     void start();
+    // Waits for the latency measurements still running (they call into the
+    // library on threads of their own); after it, no thread but the caller's
+    // touches the library through the server.
+    void finish_measurements();
     // Sends the room to every session (network thread).
     void broadcast_room();
     uint16_t port() const;
