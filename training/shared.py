@@ -2,8 +2,12 @@
 
 - `limit_threads()`: the BLAS and OpenMP thread counts, from the script's `--threads` (default
   1). OpenBLAS reads them when torch loads it, so call this before numpy and torch are imported.
-- `save_checkpoint` / `resume_checkpoint`: model, optimiser and step count in one file, written
-  beside it and renamed into place, so that an interrupted run never leaves half a checkpoint.
+- `save_checkpoint` / `resume_checkpoint`: model, optimiser, the trainer's state (step,
+  schedule, ...), the torch and numpy random states in one file, written beside it and renamed
+  into place, so that an interrupted run never leaves half a checkpoint, and a resumed run
+  continues the same stream of examples and the same learning-rate curve.
+- `learning_rate(step, sched)`: warm-up and cosine over the run's planned total steps.
+- `roc_auc(score, label)`: the voice probability's score, in training and in the evaluation.
 - `split_noise(data)`: the noise files of the data folder split into training and held-out
   files, 20 % of each subfolder held out with a fixed seed. Every network is trained and scored
   on the same split, so held-out figures of different models compare.
@@ -14,6 +18,7 @@ A script in a subfolder imports it after putting this folder on the path:
 """
 
 import glob
+import math
 import os
 import sys
 
@@ -59,22 +64,52 @@ def split_noise(data):
     return sorted(train), sorted(held)
 
 
-def save_checkpoint(path, model, opt, step):
+def learning_rate(step, sched):
+    """Linear warm-up to sched['lr'] over sched['warmup'] steps, then a cosine to
+    sched['lr_min'] at sched['total'] steps. The schedule lives in the checkpoint, so a
+    resumed run keeps the curve it was started with."""
+    if step < sched["warmup"]:
+        return sched["lr"] * (step + 1) / sched["warmup"]
+    span = max(1, sched["total"] - sched["warmup"])
+    p = min(1.0, (step - sched["warmup"]) / span)
+    return sched["lr_min"] + (sched["lr"] - sched["lr_min"]) * 0.5 * (1.0 + math.cos(math.pi * p))
+
+
+def save_checkpoint(path, model, opt, state, rng):
+    """state: the trainer's own values (step, schedule, ...); rng: its numpy Generator."""
     import torch
 
-    torch.save({"model": model.state_dict(), "opt": opt.state_dict(), "step": step},
-               path + ".tmp")
+    ck = dict(state, model=model.state_dict(), opt=opt.state_dict(),
+              torch_rng=torch.get_rng_state(), rng=rng.bit_generator.state)
+    torch.save(ck, path + ".tmp")
     os.replace(path + ".tmp", path)
 
 
-def resume_checkpoint(path, model, opt):
-    """Loads an existing checkpoint into model and opt; returns its step count (0 without one)."""
+def resume_checkpoint(path, model, opt, rng):
+    """Loads an existing checkpoint into model, opt, the torch generator and rng (a numpy
+    Generator); returns the trainer's state, or None without a checkpoint."""
     import torch
 
     if not path or not os.path.exists(path):
-        return 0
+        return None
     ck = torch.load(path)
-    model.load_state_dict(ck["model"])
-    opt.load_state_dict(ck["opt"])
-    print("resumed from %s at step %d" % (path, ck["step"]), flush=True)
-    return ck["step"]
+    model.load_state_dict(ck.pop("model"))
+    opt.load_state_dict(ck.pop("opt"))
+    torch.set_rng_state(ck.pop("torch_rng"))
+    rng.bit_generator.state = ck.pop("rng")
+    print("resumed %s at step %d of %d" % (path, ck["step"], ck["sched"]["total"]), flush=True)
+    return ck
+
+
+def roc_auc(score, label):
+    """Area under the ROC curve (Mann-Whitney: ties count half)."""
+    import numpy as np
+    import scipy.stats
+
+    score = np.asarray(score, np.float64)
+    label = np.asarray(label, bool)
+    pos, neg = int(label.sum()), int((~label).sum())
+    if pos == 0 or neg == 0:
+        return float("nan")
+    ranks = scipy.stats.rankdata(score)
+    return float((ranks[label].sum() - pos * (pos + 1) / 2.0) / (pos * neg))

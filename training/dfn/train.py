@@ -1,28 +1,34 @@
-"""Train the DFN twin on noisy mixtures made on the fly, export the table.
+"""Train the DFN twin on noisy examples made on the fly (training/mixing.py), export the table.
 
-Speech: RAVDESS actors 01-18 of the data folder (19 and 20 are held out for evaluate.py).
-Noise: the files of noise/, split 80/20 by file within each subfolder with a fixed seed; the
-held-out list is written next to the output table. Each example is a random 2-3 s segment,
-speech at a random SNR in [-5, 20] dB, scaled so that the mixture peaks between -30 and
--1 dBFS; the target is the clean speech.
+One planned run of --total-steps steps, done in as many sessions as it takes: every session
+trains for --minutes, then saves a checkpoint holding the model, the optimiser, the step, the
+schedule and every random state, so that the next session (same command) continues the same
+learning-rate curve and the same stream of examples, never replaying one.
 
-Loss (DeepFilterNet's spectral loss, gamma 0.3) on the spectrum that hop t rebuilds, i.e.
-frame t-4 (docs/dfn.md section 4), against the clean spectrum of frame t-4:
-    mean (|Y|^0.3 - |S|^0.3)^2 + mean |Y|Y|^-0.7 - S|S|^-0.7|^2 (both x 1000).
+    /usr/bin/python3 training/dfn/train.py --data /work/shared/data --total-steps 6000 \
+        --minutes 60 --out /tmp/dfn/dfn.bin --checkpoint /tmp/dfn/dfn.ckpt \
+        [--init-table data/dfn_weights.bin]
 
-    /usr/bin/python3 training/dfn/train.py --data /work/shared/data --minutes 35 \
-        --threads 2 --out /tmp/dfn/dfn.bin --checkpoint /tmp/dfn/dfn.ckpt
+Loss, both on the output that hop t rebuilds (frame t-4, docs/dfn.md section 4) against
+the target delayed to match:
+- the per-frame spectral loss (gamma 0.3) on the 480-point spectra:
+      1000 (mean (|Y|^0.3 - |S|^0.3)^2 + mean |Y|Y|^-0.7 - S|S|^-0.7|^2);
+- the same compressed loss on the overlap-added output signal, at 512, 1024 and 2048 points
+  (Hann, hop 1/4), x --mr-weight each: the fine resolutions see the noise left between the
+  harmonics, which is what the deep filter is there to remove.
 
-With an existing --checkpoint the run resumes from it (model, optimiser, step count).
+AdamW (weight decay on matrices and kernels only), linear warm-up over --warmup steps, then
+a cosine to --lr-min at --total-steps. Before every export the batch norms' running
+statistics are re-estimated with the current weights. --out is the table with the lowest
+validation loss so far (the validation split's speakers and noise, 32 fixed examples);
+<out>.last is the latest.
 """
 
 import argparse
-import glob
-import math
 import os
+import shutil
 import sys
 import time
-
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 import shared  # noqa: E402
@@ -31,82 +37,32 @@ import shared  # noqa: E402
 shared.limit_threads()
 
 import numpy as np  # noqa: E402
-import soundfile as sf  # noqa: E402
 import torch  # noqa: E402
 
+import mixing  # noqa: E402
 import weight_table  # noqa: E402
-from shared import split_noise  # noqa: E402
-from dfn_twin import DfnTwin, dither, FRAME, SAMPLE_RATE, TARGET_DELAY_HOPS  # noqa: E402
+from dfn_twin import (DfnTwin, dither, overlap_add, FRAME, SAMPLE_RATE,  # noqa: E402
+                      TARGET_DELAY_HOPS, DRY_DELAY)
 
-TRAIN_ACTORS = range(1, 19)
-EVAL_ACTORS = (19, 20)
 GAMMA = 0.3
 POWER_FLOOR = 1e-14      # |Y|^2 floor of the compressed loss (|Y| = 1e-7, far below speech)
 LOSS_FACTOR = 1000.0
+RESOLUTIONS = (512, 1024, 2048)
+VAL_COUNT = 32
+VAL_SECONDS = 3.0
+VAL_SEED = 99
 
 
 # ---- data ---------------------------------------------------------------------------------
-def speech_files(data, actors):
-    files = []
-    for a in actors:
-        files += sorted(glob.glob(os.path.join(data, "speech", "ravdess", "Actor_%02d" % a,
-                                               "*.flac")))
-    if not files:
-        raise SystemExit("no speech files under %s/speech/ravdess" % data)
-    return files
-
-
-def load(path):
-    """int16 samples of a 48 kHz mono file (int16 halves the memory of the cache)."""
-    x, rate = sf.read(path, dtype="int16", always_2d=True)
-    if rate != SAMPLE_RATE or x.shape[1] != 1:
-        raise SystemExit("%s: expected 48 kHz mono" % path)
-    return x[:, 0].copy()
-
-
-def load_all(paths):
-    return [load(p) for p in paths]
-
-
-def make_mixture(rng, speech, noise, n, snr_db=None, peak_db=None):
-    """One (noisy, clean) pair of n float32 samples from int16 speech and noise lists."""
-    s = speech[rng.randint(len(speech))].astype(np.float32) / 32768.0
-    clean = np.zeros(n, np.float32)
-    if s.size >= n:
-        start = rng.randint(s.size - n + 1)
-        clean[:] = s[start:start + n]
-        used = clean
-    else:
-        off = rng.randint(n - s.size + 1)
-        clean[off:off + s.size] = s
-        used = s
-    p_speech = float(np.mean(used.astype(np.float64) ** 2))
-    for _ in range(20):
-        v = noise[rng.randint(len(noise))]
-        if v.size >= n:
-            start = rng.randint(v.size - n + 1)
-            nz = v[start:start + n].astype(np.float32) / 32768.0
-        else:
-            nz = np.resize(np.roll(v, rng.randint(v.size)), n).astype(np.float32) / 32768.0
-        p_noise = float(np.mean(nz.astype(np.float64) ** 2))
-        if p_noise > 1e-9:
-            break
-    if snr_db is None:
-        snr_db = rng.uniform(-5.0, 20.0)
-    if peak_db is None:
-        peak_db = rng.uniform(-30.0, -1.0)
-    p_speech = max(p_speech, 1e-12)
-    g = math.sqrt(p_speech / (p_noise * 10.0 ** (snr_db / 10.0))) if p_noise > 0 else 0.0
-    noisy = clean + np.float32(g) * nz
-    scale = 10.0 ** (peak_db / 20.0) / max(float(np.max(np.abs(noisy))), 1e-9)
-    return (noisy * np.float32(scale)).astype(np.float32), (clean * np.float32(scale))
-
-
-def make_batch(rng, speech, noise, batch, n):
-    pairs = [make_mixture(rng, speech, noise, n) for _ in range(batch)]
+def make_batch(rng, mixer, batch, n):
+    pairs = [mixer.example(rng, n) for _ in range(batch)]
     noisy = np.stack([dither(p[0]) for p in pairs])  # as the wrapper sees it
     clean = np.stack([p[1] for p in pairs])
     return torch.from_numpy(noisy), torch.from_numpy(clean)
+
+
+def frames(seconds):
+    return max(1, int(seconds * SAMPLE_RATE) // FRAME) * FRAME
 
 
 # ---- loss ---------------------------------------------------------------------------------
@@ -118,19 +74,54 @@ def compressed(re, im):
     return mag, re * scale, im * scale
 
 
+def compressed_loss(yr, yi, sr, si):
+    y_mag, y_re, y_im = compressed(yr, yi)
+    s_mag, s_re, s_im = compressed(sr, si)
+    return LOSS_FACTOR * (torch.mean((y_mag - s_mag) ** 2)
+                          + 0.5 * (torch.mean((y_re - s_re) ** 2) + torch.mean((y_im - s_im) ** 2)))
+
+
 def spectral_loss(model, out, clean):
     """Loss of hop t's spectrum against the clean spectrum of frame t-4, for t >= 4."""
     d = TARGET_DELAY_HOPS
     with torch.no_grad():
         sr, si = model.analyse(model.frame(clean))
-        s_mag, s_re, s_im = compressed(sr[:, :-d], si[:, :-d])
-    y_mag, y_re, y_im = compressed(out["yr"][:, d:], out["yi"][:, d:])
-    loss_mag = torch.mean((y_mag - s_mag) ** 2)
-    loss_cplx = 0.5 * (torch.mean((y_re - s_re) ** 2) + torch.mean((y_im - s_im) ** 2))
-    return LOSS_FACTOR * (loss_mag + loss_cplx)
+    return compressed_loss(out["yr"][:, d:], out["yi"][:, d:], sr[:, :-d].detach(),
+                           si[:, :-d].detach())
 
 
-# ---- training -----------------------------------------------------------------------------
+def multi_resolution_loss(model, out, clean):
+    """The compressed loss between STFTs of the output signal and of the target, at every
+    resolution of RESOLUTIONS (summed)."""
+    y = overlap_add(model.hop_outputs(out["yr"], out["yi"]))[:, DRY_DELAY:]
+    s = clean[:, :-DRY_DELAY]
+    total = 0.0
+    for n_fft in RESOLUTIONS:
+        window = torch.hann_window(n_fft, dtype=y.dtype)
+        # The frame spectra's normalisation (docs/dfn.md section 2), so that every
+        # resolution weighs about as much as the per-frame term.
+        norm = (n_fft // 4) / n_fft / float(torch.sum(window * window))
+        ys = torch.stft(y, n_fft, n_fft // 4, window=window, return_complex=True) * norm
+        with torch.no_grad():
+            ss = torch.stft(s, n_fft, n_fft // 4, window=window, return_complex=True) * norm
+        total = total + compressed_loss(ys.real, ys.imag, ss.real, ss.imag)
+    return total
+
+
+def losses(model, noisy, clean, mr_weight):
+    out = model(noisy)
+    spec = spectral_loss(model, out, clean)
+    mr = multi_resolution_loss(model, out, clean) if mr_weight > 0 else torch.zeros(())
+    return spec + mr_weight * mr, spec, mr
+
+
+# ---- optimiser ----------------------------------------------------------------------------
+def param_groups(model, weight_decay):
+    decay = [p for p in model.parameters() if p.dim() > 1]
+    rest = [p for p in model.parameters() if p.dim() <= 1]
+    return [{"params": decay, "weight_decay": weight_decay}, {"params": rest, "weight_decay": 0.0}]
+
+
 def blas_gflops():
     a = torch.randn(2048, 256)
     b = torch.randn(256, 256)
@@ -141,30 +132,26 @@ def blas_gflops():
     return 10 * 2 * 2048 * 256 * 256 / (time.time() - t) / 1e9
 
 
-def heldout_path(out):
-    return os.path.splitext(out)[0] + "_heldout_noise.txt"
+def validation_set(pool):
+    rng = np.random.default_rng(VAL_SEED)
+    return make_batch(rng, mixing.Mixer(pool), VAL_COUNT, frames(VAL_SECONDS))
 
 
-def validation_set(data, held_noise, count=16, seconds=2.4):
-    rng = np.random.RandomState(99)
-    speech = load_all(speech_files(data, EVAL_ACTORS))
-    noise = load_all([os.path.join(data, "noise", f) for f in held_noise])
-    n = int(seconds * SAMPLE_RATE) // FRAME * FRAME
-    return make_batch(rng, speech, noise, count, n)
-
-
-def validate(model, val):
+def validate(model, val, mr_weight):
     model.eval()
     with torch.no_grad():
-        loss = float(spectral_loss(model, model(val[0]), val[1]))
+        loss = float(losses(model, val[0], val[1], mr_weight)[0])
     model.train()
     return loss
 
 
-def recalibrate_bn(model, batches, rng, speech, noise, batch, n):
+def recalibrate_bn(model, mixer, seed, batch, batches=16):
     """Re-estimate every batch norm's running statistics as a plain average over `batches`
     training batches with the current weights: the running averages kept during training
-    lag behind weights that still move, and the exported (inference) network uses them."""
+    lag behind weights that still move, and the exported (inference) network uses them.
+    The examples come from their own generator (seeded by the step), so the training
+    stream is untouched."""
+    rng = np.random.default_rng(seed)
     bns = [m for m in model.modules() if isinstance(m, torch.nn.BatchNorm2d)]
     for m in bns:
         m.reset_running_stats()
@@ -172,20 +159,9 @@ def recalibrate_bn(model, batches, rng, speech, noise, batch, n):
     model.train()
     with torch.no_grad():
         for _ in range(batches):
-            model(make_batch(rng, speech, noise, batch, n)[0])
+            model(make_batch(rng, mixer, batch, frames(2.4))[0])
     for m in bns:
         m.momentum = 0.1
-
-
-def save(model, opt, step, args, data):
-    if args.bn_batches > 0:
-        recalibrate_bn(model, args.bn_batches, *data)
-    model.eval()
-    weight_table.export(model, args.out + ".tmp")
-    os.replace(args.out + ".tmp", args.out)
-    model.train()
-    if args.checkpoint:
-        shared.save_checkpoint(args.checkpoint, model, opt, step)
 
 
 def pass_through_init(model):
@@ -202,110 +178,140 @@ def pass_through_init(model):
         model.df_dec_out.weight.mul_(0.1)
 
 
+def export(model, mixer, state, args, val):
+    """Writes <out>.last, and --out too when the validation loss is the lowest so far."""
+    if args.bn_batches > 0:
+        recalibrate_bn(model, mixer, args.seed * 1000003 + state["step"], args.batch,
+                       args.bn_batches)
+    loss = validate(model, val, state["sched"]["mr_weight"])
+    model.eval()
+    weight_table.export(model, args.out + ".last.tmp")
+    os.replace(args.out + ".last.tmp", args.out + ".last")
+    model.train()
+    best = loss < state["best"]
+    if best:
+        state["best"] = loss
+        shutil.copyfile(args.out + ".last", args.out + ".tmp")
+        os.replace(args.out + ".tmp", args.out)
+    state["history"].append((state["step"], loss))
+    print("step %d: validation loss %.4f%s" % (state["step"], loss,
+                                                "  (best: %s)" % args.out if best else ""),
+          flush=True)
+
+
 def main():
     ap = argparse.ArgumentParser(description="Train the DFN twin and export its weight table.")
     ap.add_argument("--data", default="/work/shared/data")
-    ap.add_argument("--minutes", type=float, default=30.0, help="wall-time budget")
+    ap.add_argument("--minutes", type=float, default=30.0, help="this session's wall time")
+    ap.add_argument("--total-steps", type=int, default=6000,
+                    help="planned length of the whole run (the schedule's end)")
+    ap.add_argument("--session-steps", type=int, default=None,
+                    help="end this session after so many steps (default: --minutes only)")
     ap.add_argument("--threads", type=int, default=1)
     ap.add_argument("--out", required=True, help="exported table (6 071 616 bytes)")
-    ap.add_argument("--checkpoint", default=None, help="resumed from when it exists")
+    ap.add_argument("--checkpoint", required=True, help="resumed from when it exists")
+    ap.add_argument("--init-table", default=None,
+                    help="start a new run from this table instead of the pass-through start")
     ap.add_argument("--batch", type=int, default=4)
     ap.add_argument("--min-seconds", type=float, default=2.0)
     ap.add_argument("--max-seconds", type=float, default=3.0)
     ap.add_argument("--lr", type=float, default=1e-3)
-    ap.add_argument("--warmup", type=int, default=50, help="steps of linear warm-up")
+    ap.add_argument("--lr-min", type=float, default=1e-5)
+    ap.add_argument("--warmup", type=int, default=100, help="steps of linear warm-up")
+    ap.add_argument("--weight-decay", type=float, default=0.01)
+    ap.add_argument("--mr-weight", type=float, default=0.5,
+                    help="weight of each multi-resolution STFT term")
     ap.add_argument("--clip", type=float, default=1.0, help="gradient norm clip")
     ap.add_argument("--save-minutes", type=float, default=10.0)
     ap.add_argument("--bn-batches", type=int, default=16,
                     help="batches of batch-norm recalibration before each export (0: none)")
-    ap.add_argument("--log-seconds", type=float, default=30.0)
+    ap.add_argument("--log-seconds", type=float, default=60.0)
     ap.add_argument("--seed", type=int, default=1)
     args = ap.parse_args()
 
     torch.set_num_threads(args.threads)
-    torch.manual_seed(args.seed)
     blas = blas_gflops()
     print("matrix product speed: %.1f GFLOP/s%s" % (
         blas, "  (slow: the reference BLAS? see README.md for OpenBLAS)" if blas < 8 else ""),
         flush=True)
-    rng = np.random.RandomState(args.seed)
     os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
 
-    train_noise, held_noise = split_noise(args.data)
-    with open(heldout_path(args.out), "w") as f:
-        f.write("".join(n + "\n" for n in held_noise))
     t0 = time.time()
-    speech = load_all(speech_files(args.data, TRAIN_ACTORS))
-    noise = load_all([os.path.join(args.data, "noise", f) for f in train_noise])
-    val = validation_set(args.data, held_noise)
-    print("data: %d speech files (%.1f min), %d noise files (%.1f min), %d held-out noise "
-          "files (%s); loaded in %.0f s" % (
-              len(speech), sum(s.size for s in speech) / SAMPLE_RATE / 60, len(noise),
-              sum(v.size for v in noise) / SAMPLE_RATE / 60, len(held_noise),
-              heldout_path(args.out), time.time() - t0), flush=True)
+    train_pool = mixing.Pool(args.data, "train")
+    val_pool = mixing.Pool(args.data, "val")
+    mixer = mixing.Mixer(train_pool)
+    val = validation_set(val_pool)
+    print("data: %s; %s; loaded in %.0f s" % (train_pool.describe(), val_pool.describe(),
+                                               time.time() - t0), flush=True)
 
+    torch.manual_seed(args.seed)  # the initial weights; a resumed run restores its state
     model = DfnTwin()
-    pass_through_init(model)
-    opt = torch.optim.Adam(model.parameters(), lr=args.lr)
-    step = shared.resume_checkpoint(args.checkpoint, model, opt)
+    opt = torch.optim.AdamW(param_groups(model, args.weight_decay), lr=args.lr)
+    rng = np.random.default_rng(args.seed)
+    state = shared.resume_checkpoint(args.checkpoint, model, opt, rng)
+    if state is None:
+        if args.init_table:
+            weight_table.import_(model, args.init_table)
+            print("initial weights: %s" % args.init_table, flush=True)
+        else:
+            pass_through_init(model)
+        sched = dict(lr=args.lr, lr_min=args.lr_min, warmup=args.warmup,
+                     total=args.total_steps, mr_weight=args.mr_weight)
+        state = dict(step=0, sched=sched, best=float("inf"), history=[], audio_s=0.0)
+        state["start_loss"] = validate(model, val, args.mr_weight)
+        print("validation loss at start: %.4f" % state["start_loss"], flush=True)
+    sched = state["sched"]
     model.train()
-    print("validation loss at start: %.4f" % validate(model, val), flush=True)
 
-    # Batch-norm recalibration data: its own random stream, 2.4 s segments.
-    bn_data = (np.random.RandomState(args.seed + 1000), speech, noise, args.batch,
-               int(2.4 * SAMPLE_RATE) // FRAME * FRAME)
     budget = args.minutes * 60.0
     start = time.time()
     last_log = last_save = start
-    acc_loss = acc_norm = 0.0
+    acc = np.zeros(4)
     acc_n = 0
-    audio_s = 0.0
-    while True:
-        now = time.time()
-        elapsed = now - start
-        if elapsed >= budget:
-            break
-        # Warm-up by steps, then a cosine decay over this run's wall-time budget to 5 %.
-        warm = min(1.0, (step + 1) / args.warmup)
-        decay = 0.05 + 0.95 * 0.5 * (1.0 + math.cos(math.pi * elapsed / budget))
+    session_audio = 0.0
+    end = sched["total"] if args.session_steps is None else min(
+        sched["total"], state["step"] + args.session_steps)
+    while state["step"] < end and time.time() - start < budget:
         for g in opt.param_groups:
-            g["lr"] = args.lr * warm * decay
-
-        seconds = rng.uniform(args.min_seconds, args.max_seconds)
-        n = max(1, int(seconds * SAMPLE_RATE) // FRAME) * FRAME
-        noisy, clean = make_batch(rng, speech, noise, args.batch, n)
-        out = model(noisy)
-        loss = spectral_loss(model, out, clean)
+            g["lr"] = shared.learning_rate(state["step"], sched)
+        n = frames(rng.uniform(args.min_seconds, args.max_seconds))
+        noisy, clean = make_batch(rng, mixer, args.batch, n)
+        loss, spec, mr = losses(model, noisy, clean, sched["mr_weight"])
         opt.zero_grad(set_to_none=True)
         loss.backward()
         norm = torch.nn.utils.clip_grad_norm_(model.parameters(), args.clip)
         if torch.isfinite(loss) and torch.isfinite(norm):
             opt.step()
-        step += 1
-        acc_loss += float(loss)
-        acc_norm += float(norm)
+        state["step"] += 1
+        state["audio_s"] += args.batch * n / SAMPLE_RATE
+        session_audio += args.batch * n / SAMPLE_RATE
+        acc += (float(loss), float(spec), float(mr), float(norm))
         acc_n += 1
-        audio_s += args.batch * n / SAMPLE_RATE
 
         now = time.time()
         if now - last_log >= args.log_seconds:
-            print("step %6d  %6.0f s  loss %.4f  grad norm %.3f  lr %.2e  %.1f s audio/s" % (
-                step, now - start, acc_loss / acc_n, acc_norm / acc_n,
-                opt.param_groups[0]["lr"], audio_s / (now - start)), flush=True)
-            acc_loss = acc_norm = 0.0
+            a = acc / acc_n
+            print("step %6d  %6.0f s  loss %.4f (frames %.4f, resolutions %.4f)  grad norm %.3f"
+                  "  lr %.2e  %.1f s audio/s" % (state["step"], now - start, a[0], a[1], a[2],
+                                                 a[3], opt.param_groups[0]["lr"],
+                                                 session_audio / (now - start)), flush=True)
+            acc[:] = 0.0
             acc_n = 0
             last_log = now
         if now - last_save >= args.save_minutes * 60.0:
-            save(model, opt, step, args, bn_data)
-            print("saved %s; validation loss %.4f" % (args.out, validate(model, val)),
-                  flush=True)
+            shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
+            export(model, mixer, state, args, val)
+            shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
             last_save = time.time()
 
-    save(model, opt, step, args, bn_data)
+    shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
+    export(model, mixer, state, args, val)
+    shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
     total = time.time() - start
-    print("done: %d steps in %.0f s, %.1f s of audio per second; validation loss %.4f; "
-          "table %s" % (step, total, audio_s / total, validate(model, val), args.out),
-          flush=True)
+    print("session done: step %d of %d, %.0f s, %.1f s of audio per second (%.2f h of audio "
+          "in the run); best validation loss %.4f; table %s" % (
+              state["step"], sched["total"], total, session_audio / max(total, 1e-9),
+              state["audio_s"] / 3600, state["best"], args.out), flush=True)
 
 
 if __name__ == "__main__":
