@@ -54,8 +54,8 @@ def main():
               rnnn.format_text(layers).encode("ascii") == raw and text == raw)
 
     tool = mix.feature_tool(args.tool)
-    speech, noise = mix.load_pool(args.data, held_out=True)
-    rng = np.random.RandomState(11)
+    speech, noise = mix.load_pool(args.data, "eval")
+    rng = np.random.default_rng(11)
     pairs = [mix.make_sequence(rng, speech, noise, args.seconds, snr_db=snr)
              for snr in (0.0, 15.0)]
     for path in models:

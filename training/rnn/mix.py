@@ -1,17 +1,20 @@
 """Mixtures for the recurrent suppressor, and their feature records.
 
-Speech: RAVDESS actors 01-18 and the vctk-p239 files but the last 50 (sorted by name);
-actors 19 and 20 and those 50 files are held out for evaluate.py and never trained on.
-Noise: the FLAC files of noise/, 20 % of each subfolder held out with a fixed seed (the same
-split as training/dfn, so both models are scored on noise neither has heard).
+Speech and noise: the train, val or eval split of training/mixing.py (disjoint speakers and
+noise files; the same splits as the DFN canceller's, so both models are scored on speech and
+noise neither has heard).
 
 A training sequence (default 60 s) is built as
 - speech track: utterances separated by gaps (60 % 0-0.5 s, 30 % 0.5-2 s, 10 % 2-6 s),
   each utterance normalised to its active level, then set to the sequence's speech level
   (uniform -45..-10 dBFS, full scale = 1.0) plus +-3 dB per utterance; the absolute level
   matters because the features are log energies in the 16-bit range;
-- noise track: pieces of 3-20 s of random noise files (random offset, looped when short),
-  each normalised to unit power, with 20 ms cross-fades;
+- noise track: pieces of 3-20 s, each normalised to unit power, with 20 ms cross-fades; a
+  piece is a random noise file (random offset, looped when short), or, in training sets,
+  25 % of the time generated noise (white, pink, brown, mains hum, fan) and 15 % babble of
+  the split's speakers (training/mixing.py);
+- in training sets 30 % of the utterances are played in a simulated room
+  (mixing.room_response); the clean track, and so the target gains, keep the dry speech;
 - segments of 4-15 s, each with its own SNR (uniform -5..25 dB against the speech level),
   10 % of them clean-only (no noise) and 10 % noise-only (no utterance starts there);
   the noise gain ramps over 50 ms between segments;
@@ -33,7 +36,7 @@ into records of 89 float32 per frame (docs/rnn_suppressor.md). A training set is
 [N], level [N], starts (first frame of every sequence, plus N).
 
     /usr/bin/python3 training/rnn/mix.py --data /work/shared/data --hours 12 --out /tmp/rnn/train
-    /usr/bin/python3 training/rnn/mix.py --held-out --hours 0.25 --seed 2 --out /tmp/rnn/val
+    /usr/bin/python3 training/rnn/mix.py --split val --hours 0.25 --seed 2 --out /tmp/rnn/val
 """
 
 import argparse
@@ -47,17 +50,13 @@ import time
 
 import numpy as np
 import scipy.signal
-import soundfile as sf
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-import shared  # noqa: E402
+import mixing  # noqa: E402
 
 SAMPLE_RATE = 48000
 FRAME = 480
 RECORD = 89
-TRAIN_ACTORS = range(1, 19)
-EVAL_ACTORS = (19, 20)
-VCTK_HELD_OUT = 50
 LABEL_BELOW_LEVEL_DB = 20.0
 LABEL_HANGOVER = 10
 GAP_LEVEL_DB = -100.0
@@ -67,37 +66,11 @@ REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 
 
 # ---- files --------------------------------------------------------------------------------
-def speech_files(data, held_out):
-    """Training (held_out False) or evaluation speech files."""
-    actors = EVAL_ACTORS if held_out else TRAIN_ACTORS
-    files = []
-    for a in actors:
-        files += sorted(glob.glob(os.path.join(data, "speech", "ravdess", "Actor_%02d" % a,
-                                               "*.flac")))
-    vctk = sorted(glob.glob(os.path.join(data, "speech", "vctk-p239", "*.flac")))
-    files += vctk[-VCTK_HELD_OUT:] if held_out else vctk[:-VCTK_HELD_OUT]
-    if not files:
-        raise SystemExit("no speech files under %s/speech" % data)
-    return files
-
-
-def noise_files(data, held_out):
-    """The noise files of the split every trainer uses (training/shared.py)."""
-    train, held = shared.split_noise(data)
-    root = os.path.join(data, "noise")
-    return [os.path.join(root, f) for f in (held if held_out else train)]
-
-
-def load(path):
-    x, rate = sf.read(path, dtype="float32", always_2d=True)
-    if rate != SAMPLE_RATE or x.shape[1] != 1:
-        raise SystemExit("%s: expected 48 kHz mono" % path)
-    return x[:, 0].copy()
-
-
-def load_pool(data, held_out):
-    return ([load(p) for p in speech_files(data, held_out)],
-            [load(p) for p in noise_files(data, held_out)])
+def load_pool(data, split):
+    """(speech, noise) float32 signals of a split of training/mixing.py."""
+    pool = mixing.Pool(data, split)
+    return ([x.astype(np.float32) / 32768.0 for x in pool.speech],
+            [x.astype(np.float32) / 32768.0 for x in pool.noise])
 
 
 # ---- levels -------------------------------------------------------------------------------
@@ -127,34 +100,53 @@ def voice_label(level, below_db=LABEL_BELOW_LEVEL_DB, hangover=LABEL_HANGOVER, s
     return out
 
 
-def random_filter(rng):
+def random_filter(rng):  # noqa: E302
     r = rng.uniform(-0.375, 0.375, 4)
     return np.array([1.0, r[0], r[1]]), np.array([1.0, r[2], r[3]])
 
 
 # ---- one sequence -------------------------------------------------------------------------
-def speech_track(rng, speech, n, level_db, mute):
-    """(track, utterance spans) with utterances at level_db +- 3 dB; none starts where mute."""
+def speech_track(rng, speech, n, level_db, mute, reverb=False):
+    """(track, reverberant track, utterance spans) with utterances at level_db +- 3 dB; none
+    starts where mute. With reverb, 30 % of the utterances sound in a simulated room in the
+    second track (their tails may run into the next utterance, as in a room)."""
     raw = np.zeros(n, np.float64)
+    wet = np.zeros(n, np.float64)
     spans = []
     pos = 0
     while True:
-        u = rng.rand()
+        u = rng.random()
         gap = rng.uniform(0, 0.5) if u < 0.6 else rng.uniform(0.5, 2) if u < 0.9 else \
             rng.uniform(2, 6)
         pos += int(gap * SAMPLE_RATE)
-        s = speech[rng.randint(len(speech))]
+        s = speech[rng.integers(len(speech))]
         if pos + s.size > n:
             break
         if mute[pos]:
             continue
         raw[pos:pos + s.size] = s
+        if reverb and rng.random() < 0.3:
+            w = scipy.signal.fftconvolve(s, mixing.room_response(rng)[0])[:n - pos]
+            wet[pos:pos + w.size] += w
+        else:
+            wet[pos:pos + s.size] += s
         spans.append((pos, pos + s.size, level_db + rng.uniform(-3, 3)))
         pos += s.size
-    return raw, spans
+    return raw, wet, spans
 
 
-def noise_track(rng, noise, n):
+def noise_piece(rng, noise, speech, size, extras):
+    u = rng.random() if extras else 0.0
+    if u >= 0.85:
+        return mixing.babble(rng, speech, size).astype(np.float64)
+    if u >= 0.6:
+        kind = mixing.GENERATED[rng.integers(len(mixing.GENERATED))]
+        return mixing.generated_noise(rng, size, kind).astype(np.float64)
+    v = noise[rng.integers(len(noise))]
+    return np.resize(np.roll(v, -rng.integers(v.size)), size).astype(np.float64)
+
+
+def noise_track(rng, noise, n, speech=None, extras=False):
     out = np.zeros(n, np.float64)
     fade = int(0.02 * SAMPLE_RATE)
     ramp = np.linspace(0.0, 1.0, fade)
@@ -162,8 +154,7 @@ def noise_track(rng, noise, n):
     while pos < n:
         length = min(int(rng.uniform(3, 20) * SAMPLE_RATE), n - pos)
         for _ in range(50):
-            v = noise[rng.randint(len(noise))]
-            piece = np.resize(np.roll(v, -rng.randint(v.size)), length + fade).astype(np.float64)
+            piece = noise_piece(rng, noise, speech, length + fade, extras)
             p = np.mean(piece ** 2)
             if p > 1e-10:
                 break
@@ -179,8 +170,9 @@ def noise_track(rng, noise, n):
 def make_sequence(rng, speech, noise, seconds, snr_db=None, level_db=None, segments=True):
     """(noisy, clean, level) for one sequence: float32 signals of whole frames and the
     speech level of every frame (dB against its utterance's active level, GAP_LEVEL_DB in
-    the gaps). snr_db / level_db fixed when given; segments=False: one SNR, one noise, no
-    clean-only or noise-only segments (the evaluation mixtures)."""
+    the gaps). snr_db / level_db fixed when given; segments=False: one SNR, one noise file,
+    no clean-only or noise-only segments, no room, no generated noise (the evaluation
+    mixtures)."""
     n = int(seconds * SAMPLE_RATE) // FRAME * FRAME
     if level_db is None:
         level_db = rng.uniform(-45.0, -10.0)
@@ -190,7 +182,7 @@ def make_sequence(rng, speech, noise, seconds, snr_db=None, level_db=None, segme
     pos = 0
     while pos < n:
         end = min(n, pos + int(rng.uniform(4, 15) * SAMPLE_RATE)) if segments else n
-        kind = rng.rand() if segments else 0.5
+        kind = rng.random() if segments else 0.5
         snr = snr_db if snr_db is not None else rng.uniform(-5.0, 25.0)
         noise_gain[pos:end] = 0.0 if kind < 0.1 else 10.0 ** ((level_db - snr) / 20.0)
         mute[pos:end] = kind > 0.9
@@ -199,8 +191,10 @@ def make_sequence(rng, speech, noise, seconds, snr_db=None, level_db=None, segme
     c = np.cumsum(np.pad(noise_gain, (ramp // 2 + 1, ramp - ramp // 2 - 1), "edge"))
     noise_gain = (c[ramp:] - c[:-ramp]) / ramp  # moving average: 50 ms ramps
 
-    raw, spans = speech_track(rng, speech, n, level_db, mute)
-    clean = scipy.signal.lfilter(*random_filter(rng), raw)
+    raw, wet, spans = speech_track(rng, speech, n, level_db, mute, reverb=segments)
+    speech_filter = random_filter(rng)
+    clean = scipy.signal.lfilter(*speech_filter, raw)
+    wet = scipy.signal.lfilter(*speech_filter, wet)
     ref = np.full(n // FRAME, -np.inf)
     for a, b, lvl in spans:
         p = active_power(clean[a:b])
@@ -208,12 +202,13 @@ def make_sequence(rng, speech, noise, seconds, snr_db=None, level_db=None, segme
             continue
         g = 10.0 ** (lvl / 20.0) / np.sqrt(p)
         clean[a:b] *= g
+        wet[a:b] *= g  # a tail past b keeps its utterance's gain only up to b: negligible
         ref[a // FRAME:(b + FRAME - 1) // FRAME] = lvl
-    nz = noise_track(rng, noise, n)
-    if segments and rng.rand() < 0.3:
-        nz += noise_track(rng, noise, n) * 10.0 ** (-rng.uniform(0, 10) / 20.0)
+    nz = noise_track(rng, noise, n, speech, extras=segments)
+    if segments and rng.random() < 0.3:
+        nz += noise_track(rng, noise, n, speech, extras=True) * 10.0 ** (-rng.uniform(0, 10) / 20.0)
     nz = scipy.signal.lfilter(*random_filter(rng), nz) * noise_gain
-    noisy = clean + nz
+    noisy = wet + nz
     peak = np.max(np.abs(noisy))
     scale = 0.99 / peak if peak > 0.99 else 1.0
     clean *= scale
@@ -255,9 +250,9 @@ def records(tool, noisy, clean, model=None, workdir=None):
 
 def build_set(args):
     tool = feature_tool(args.tool)
-    rng = np.random.RandomState(args.seed)
+    rng = np.random.default_rng(args.seed)
     t0 = time.time()
-    speech, noise = load_pool(args.data, held_out=args.held_out)
+    speech, noise = load_pool(args.data, args.split)
     print("pool: %d speech files (%.1f min), %d noise files (%.1f min), loaded in %.0f s" % (
         len(speech), sum(s.size for s in speech) / SAMPLE_RATE / 60, len(noise),
         sum(v.size for v in noise) / SAMPLE_RATE / 60, time.time() - t0), flush=True)
@@ -296,8 +291,8 @@ def main():
     ap.add_argument("--seconds", type=float, default=60.0, help="length of one sequence")
     ap.add_argument("--tool", default=None, help="the feature tool (default: see feature_tool)")
     ap.add_argument("--tmp", default=None, help="folder for the raw intermediate files")
-    ap.add_argument("--held-out", action="store_true",
-                    help="mix the held-out speech and noise (a validation set for train.py)")
+    ap.add_argument("--split", choices=mixing.SPLITS, default="train",
+                    help="whose speech and noise to mix (val: the validation set of train.py)")
     ap.add_argument("--seed", type=int, default=1)
     build_set(ap.parse_args())
 

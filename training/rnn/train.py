@@ -12,19 +12,24 @@ Loss per frame, silent frames left out (the suppressor skips the network there):
 - voice probability: 0.5 BCE(vad, label), label = mix.py's voice label (clean frame within
   --label-db, default 20 dB, of its utterance's active level, or one of the 10 frames after
   such a frame).
-Adam, linear warm-up, cosine decay over the wall-time budget, gradient norm clipping, and
-every parameter clipped to [-128/256, 127/256] after each step so that the export loses only
-rounding.
+Adam, linear warm-up and a cosine to --lr-min over the planned --total-steps, gradient norm
+clipping, and every parameter clipped to [-128/256, 127/256] after each step so that the
+export needs no clipping. Quantisation-aware (unless --no-quantise-aware): the forward pass
+runs on the weights rounded to k / 256, as exported, with straight-through gradients, so the
+trained network is the one the library runs.
 
     /usr/bin/python3 training/rnn/train.py --train /tmp/rnn/train --val /tmp/rnn/val \
-        --minutes 40 --threads 1 --out /tmp/rnn/model.rnnn --checkpoint /tmp/rnn/model.ckpt
+        --total-steps 2500 --minutes 40 --out /tmp/rnn/model.rnnn \
+        --checkpoint /tmp/rnn/model.ckpt [--init data/rnn_suppressor.rnnn]
 
-With an existing --checkpoint the run resumes from it (model, optimiser, step count).
+A run of --total-steps may take several sessions of --minutes: with an existing --checkpoint
+the same command resumes exactly (model, optimiser, step, schedule, random states). --out is
+the model with the lowest validation loss so far (with --val), <out>.last the latest.
 """
 
 import argparse
-import math
 import os
+import shutil
 import sys
 import time
 
@@ -35,7 +40,6 @@ import shared  # noqa: E402
 shared.limit_threads()  # before torch loads OpenBLAS
 
 import numpy as np  # noqa: E402
-import scipy.stats  # noqa: E402
 import torch  # noqa: E402
 
 import mix  # noqa: E402
@@ -67,7 +71,7 @@ class RecordSet:
         if ok.size == 0:
             raise SystemExit("no sequence of %d frames" % length)
         seq = rng.choice(ok, count, p=lengths[ok] / lengths[ok].sum())
-        return [int(self.starts[s] + rng.randint(lengths[s] - length + 1)) for s in seq]
+        return [int(self.starts[s] + rng.integers(lengths[s] - length + 1)) for s in seq]
 
     def batch(self, starts, length):
         idx = np.asarray(starts)[:, None] + np.arange(length)[None, :]
@@ -98,17 +102,6 @@ def losses(gains, vad, targets, silent, label):
     return gain_term + VAD_WEIGHT * vad_term, gain_term, vad_term
 
 
-def roc_auc(score, label):
-    """Area under the ROC curve (Mann-Whitney: ties count half)."""
-    score = np.asarray(score, np.float64)
-    label = np.asarray(label, bool)
-    pos, neg = int(label.sum()), int((~label).sum())
-    if pos == 0 or neg == 0:
-        return float("nan")
-    ranks = scipy.stats.rankdata(score)
-    return float((ranks[label].sum() - pos * (pos + 1) / 2.0) / (pos * neg))
-
-
 def validate(model, val):
     """(loss, gain term, voice term, AUC of the voice probability over all frames)."""
     model.eval()
@@ -124,31 +117,47 @@ def validate(model, val):
             vads.append(vad.numpy().ravel())
             labels.append(lab.numpy().ravel())
     model.train()
-    return tuple(tot / frames) + (roc_auc(np.concatenate(vads), np.concatenate(labels)),)
+    return tuple(tot / frames) + (shared.roc_auc(np.concatenate(vads), np.concatenate(labels)),)
 
 
 # ---- training -----------------------------------------------------------------------------
-def save(model, opt, step, args):
-    twin.export(model, args.out + ".tmp")
-    os.replace(args.out + ".tmp", args.out)
-    if args.checkpoint:
-        shared.save_checkpoint(args.checkpoint, model, opt, step)
+def export(model, state, args, val):
+    twin.export(model, args.out + ".last.tmp")
+    os.replace(args.out + ".last.tmp", args.out + ".last")
+    if val is None:
+        shutil.copyfile(args.out + ".last", args.out)
+        return
+    # Scored on the exported (quantised) weights, as the library will run them.
+    res = validate(twin.load(args.out + ".last"), val)
+    best = res[0] < state["best"]
+    if best:
+        state["best"] = res[0]
+        shutil.copyfile(args.out + ".last", args.out)
+    state["history"].append((state["step"],) + res)
+    print("step %d: validation loss %.4f (gains %.4f, voice %.4f), AUC %.4f%s" % (
+        (state["step"],) + res + ("  (best: %s)" % args.out if best else "",)), flush=True)
 
 
 def main():
     ap = argparse.ArgumentParser(description="Train the recurrent suppressor, export .rnnn.")
     ap.add_argument("--train", required=True, help="record folder of mix.py")
-    ap.add_argument("--val", default=None, help="held-out record folder (mix.py --held-out)")
-    ap.add_argument("--minutes", type=float, default=30.0, help="wall-time budget")
+    ap.add_argument("--val", default=None, help="validation record folder (mix.py --split val)")
+    ap.add_argument("--minutes", type=float, default=30.0, help="this session's wall time")
+    ap.add_argument("--total-steps", type=int, default=2500,
+                    help="planned length of the whole run (the schedule's end)")
+    ap.add_argument("--session-steps", type=int, default=None,
+                    help="end this session after so many steps (default: --minutes only)")
     ap.add_argument("--threads", type=int, default=1)
     ap.add_argument("--out", required=True, help="the exported .rnnn")
-    ap.add_argument("--checkpoint", default=None, help="resumed from when it exists")
-    ap.add_argument("--init", default=None, help="start from the weights of a .rnnn file")
+    ap.add_argument("--checkpoint", required=True, help="resumed from when it exists")
+    ap.add_argument("--init", default=None, help="start a new run from a .rnnn file's weights")
     ap.add_argument("--batch", type=int, default=32)
     ap.add_argument("--frames", type=int, default=1000, help="frames per window")
     ap.add_argument("--lr", type=float, default=1e-3)
-    ap.add_argument("--final-lr", type=float, default=0.05, help="fraction of --lr at the end")
+    ap.add_argument("--lr-min", type=float, default=5e-5)
     ap.add_argument("--warmup", type=int, default=50, help="steps of linear warm-up")
+    ap.add_argument("--no-quantise-aware", action="store_true",
+                    help="train on the float weights (the export then rounds them)")
     ap.add_argument("--clip", type=float, default=1.0, help="gradient norm clip")
     ap.add_argument("--save-minutes", type=float, default=5.0)
     ap.add_argument("--log-seconds", type=float, default=30.0)
@@ -158,8 +167,10 @@ def main():
     args = ap.parse_args()
 
     torch.set_num_threads(args.threads)
-    torch.manual_seed(args.seed)
-    rng = np.random.RandomState(args.seed)
+    # The profiling executor switches the scripted GRU loop to another graph after its
+    # first calls, which rounds differently: a resumed process would then differ from an
+    # uninterrupted one in the last bits. The plain executor is as fast here.
+    torch._C._jit_set_profiling_executor(False)
     os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
     data = RecordSet(args.train, args.label_db)
     val = RecordSet(args.val, args.label_db) if args.val else None
@@ -168,13 +179,25 @@ def main():
         "; validation %d frames (%.2f h)" % (val.frames, val.frames / 360000.0) if val else ""),
         flush=True)
 
-    model = twin.load(args.init) if args.init else twin.RnnTwin()
-    model.clip_()
+    torch.manual_seed(args.seed)  # the initial weights; a resumed run restores its state
+    model = twin.RnnTwin()
     opt = torch.optim.Adam(model.parameters(), lr=args.lr)
-    step = shared.resume_checkpoint(args.checkpoint, model, opt)
-    if val:
-        print("validation at start: loss %.4f (gains %.4f, voice %.4f), AUC %.4f" %
-              validate(model, val), flush=True)
+    rng = np.random.default_rng(args.seed)
+    state = shared.resume_checkpoint(args.checkpoint, model, opt, rng)
+    if state is None:
+        if args.init:
+            model = twin.load(args.init)
+            opt = torch.optim.Adam(model.parameters(), lr=args.lr)
+        sched = dict(lr=args.lr, lr_min=args.lr_min, warmup=args.warmup,
+                     total=args.total_steps, quantise_aware=not args.no_quantise_aware)
+        state = dict(step=0, sched=sched, best=float("inf"), history=[], frames=0)
+        if val:
+            state["start"] = validate(model, val)
+            print("validation at start: loss %.4f (gains %.4f, voice %.4f), AUC %.4f" %
+                  state["start"], flush=True)
+    sched = state["sched"]
+    model.clip_()
+    model.quantise_aware(sched["quantise_aware"])
 
     budget = args.minutes * 60.0
     start = time.time()
@@ -182,13 +205,11 @@ def main():
     acc = np.zeros(4)
     acc_n = 0
     seen = 0
-    while time.time() - start < budget:
-        elapsed = time.time() - start
-        warm = min(1.0, (step + 1) / args.warmup)
-        cosine = 0.5 * (1 + math.cos(math.pi * elapsed / budget))
-        decay = args.final_lr + (1 - args.final_lr) * cosine
+    end = sched["total"] if args.session_steps is None else min(
+        sched["total"], state["step"] + args.session_steps)
+    while state["step"] < end and time.time() - start < budget:
         for g in opt.param_groups:
-            g["lr"] = args.lr * warm * decay
+            g["lr"] = shared.learning_rate(state["step"], sched)
         f, tg, s, lab = data.batch(data.windows(rng, args.batch, args.frames), args.frames)
         gains, vad = model(f, s)
         loss, gl, vl = losses(gains, vad, tg, s, lab)
@@ -198,7 +219,8 @@ def main():
         if torch.isfinite(loss) and torch.isfinite(norm):
             opt.step()
             model.clip_()
-        step += 1
+        state["step"] += 1
+        state["frames"] += args.batch * args.frames
         seen += args.batch * args.frames
         acc += [float(loss), float(gl), float(vl), float(norm)]
         acc_n += 1
@@ -206,27 +228,26 @@ def main():
         if now - last_log >= args.log_seconds:
             a = acc / acc_n
             print("step %5d  %5.0f s  loss %.4f (gains %.4f, voice %.4f)  grad %.3f  lr %.2e  "
-                  "%.0f frames/s" % (step, now - start, a[0], a[1], a[2], a[3],
+                  "%.0f frames/s" % (state["step"], now - start, a[0], a[1], a[2], a[3],
                                      opt.param_groups[0]["lr"], seen / (now - start)),
                   flush=True)
             acc[:] = 0
             acc_n = 0
             last_log = now
         if now - last_save >= args.save_minutes * 60.0:
-            save(model, opt, step, args)
-            if val:
-                print("saved %s; validation loss %.4f (gains %.4f, voice %.4f), AUC %.4f" % (
-                    (args.out,) + validate(model, val)), flush=True)
+            shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
+            export(model, state, args, val)
+            shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
             last_save = time.time()
 
-    save(model, opt, step, args)
+    shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
+    export(model, state, args, val)
+    shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
     total = time.time() - start
-    print("done: %d steps in %.1f min, %d frames seen (%.1f h of audio), %.0f frames/s; %s" % (
-        step, total / 60, seen, seen / 360000.0, seen / total, args.out), flush=True)
-    if val:
-        # Score the exported (quantised) weights, as the library will run them.
-        print("validation of the exported model: loss %.4f (gains %.4f, voice %.4f), "
-              "AUC %.4f" % validate(twin.load(args.out), val), flush=True)
+    print("session done: step %d of %d in %.1f min, %d frames (%.1f h of audio) in the run, "
+          "%.0f frames/s; best %s" % (state["step"], sched["total"], total / 60, state["frames"],
+                                      state["frames"] / 360000.0, seen / max(total, 1e-9),
+                                      args.out), flush=True)
 
 
 if __name__ == "__main__":

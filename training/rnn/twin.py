@@ -35,6 +35,14 @@ DEFAULT_SIZES = (24, 24, 48, 96)
 DEFAULT_ACTIVATIONS = ("tanh", "relu", "relu", "relu", "sigmoid", "sigmoid")
 
 
+def fake_quantise(p, on):
+    """p rounded to the export's k / 256 in the forward pass, with the gradient of p
+    (straight-through), when on: training then sees the network the library will run."""
+    if not on:
+        return p
+    return p + (torch.round(p * rnnn.SCALE) / rnnn.SCALE - p).detach()
+
+
 def _act(name, x):
     if name == "tanh":
         return torch.tanh(x)
@@ -76,13 +84,16 @@ class Dense(nn.Module):
     def __init__(self, n_in, n_out, activation):
         super().__init__()
         self.activation = activation
+        self.quantise = False
         self.weight = nn.Parameter(torch.empty(n_in, n_out))
         self.bias = nn.Parameter(torch.zeros(n_out))
         lim = float(np.sqrt(6.0 / (n_in + n_out)))
         nn.init.uniform_(self.weight, -lim, lim)
 
     def forward(self, x):
-        return _act(self.activation, torch.matmul(x, self.weight) + self.bias)
+        q = self.quantise
+        return _act(self.activation, torch.matmul(x, fake_quantise(self.weight, q))
+                    + fake_quantise(self.bias, q))
 
 
 class Gru(nn.Module):
@@ -91,6 +102,7 @@ class Gru(nn.Module):
         if activation not in ("tanh", "relu"):
             raise ValueError("a GRU candidate is tanh or relu, not %s" % activation)
         self.activation = activation
+        self.quantise = False
         self.n = n
         self.weight = nn.Parameter(torch.empty(n_in, 3 * n))
         self.recurrent = nn.Parameter(torch.empty(n, 3 * n))
@@ -103,10 +115,12 @@ class Gru(nn.Module):
                 self.recurrent[:, g * n:(g + 1) * n] = q
 
     def forward(self, x, keep, h0=None):
-        xw = torch.matmul(x, self.weight) + self.bias
+        q = self.quantise
+        xw = torch.matmul(x, fake_quantise(self.weight, q)) + fake_quantise(self.bias, q)
         if h0 is None:
             h0 = torch.zeros(x.size(0), self.n, dtype=x.dtype)
-        return gru_sequence(xw, self.recurrent, keep, self.activation == "relu", h0)
+        return gru_sequence(xw, fake_quantise(self.recurrent, q), keep,
+                            self.activation == "relu", h0)
 
 
 class RnnTwin(nn.Module):
@@ -138,6 +152,12 @@ class RnnTwin(nn.Module):
         gains = self.denoise_output(den_s)
         vad = self.vad_output(vad_s).squeeze(-1) * keep.squeeze(-1)
         return gains, vad
+
+    def quantise_aware(self, on=True):
+        """Run every layer on its exported (k / 256) weights; see fake_quantise."""
+        for layer in self.layers():
+            layer.quantise = on
+        return self
 
     def clip_(self):
         """Keep every parameter exportable without clipping (rnnn.W_MIN..W_MAX)."""
