@@ -45,6 +45,7 @@ import mix  # noqa: E402  (the voice label and levels)
 FRAME = 480
 SEED = 7
 SIXTEEN_BIT = 32768.0 / 960.0
+SPLIT_NAMES = {"eval": "evaluation", "val": "validation"}
 
 
 def si_sdr(est, ref):
@@ -65,8 +66,8 @@ def voice_label(clean):
     return mix.voice_label(np.maximum(level, mix.GAP_LEVEL_DB))
 
 
-def mixtures(data, snrs, count, seconds):
-    pool = mixing.Pool(data, "eval")
+def mixtures(data, snrs, count, seconds, split="eval"):
+    pool = mixing.Pool(data, split)
     mixer = mixing.Mixer(pool, generated=False, reverb=False)
     n = int(seconds * mixing.SAMPLE_RATE) // FRAME * FRAME
     out = []
@@ -186,6 +187,8 @@ def main():
     ap.add_argument("--suppressor", default=None, help="default: the compiled-in model")
     ap.add_argument("--community", default=None,
                     help="folder of arnndn models (default: <data>/rnnoise-models)")
+    ap.add_argument("--split", choices=("eval", "val"), default="eval",
+                    help="val: the validation split, for choosing between weight files")
     ap.add_argument("--snrs", default="0,5,10,15,20")
     ap.add_argument("--count", type=int, default=24, help="mixtures per SNR")
     ap.add_argument("--seconds", type=float, default=4.0)
@@ -203,7 +206,7 @@ def main():
     snrs = [float(s) for s in args.snrs.split(",")]
     community = sorted(glob.glob(os.path.join(args.community or os.path.join(
         args.data, "rnnoise-models"), "*.rnnn")))
-    pool, mixes = mixtures(args.data, snrs, args.count, args.seconds)
+    pool, mixes = mixtures(args.data, snrs, args.count, args.seconds, args.split)
     if args.wavs:
         os.makedirs(args.wavs, exist_ok=True)
         for m in mixes[:len(snrs) * 2]:
@@ -246,12 +249,15 @@ def main():
     lines = ["# Noise cancellers on held-out speech and noise", "",
              "Written by `training/evaluate.py` (the command is in `training/README.md`); do not "
              "edit by hand.", "",
-             "- **Mixtures:** %d per SNR, %.1f s each, 48 kHz: speech of the evaluation speakers "
-             "(%d files), one of %d evaluation noise files (%s) per mixture, the same utterance, "
-             "noise segment and level at every SNR. Neither the training nor the model "
-             "selection used these speakers or noise files." % (
-                 args.count, args.seconds, len(pool.speech), len(pool.noise),
-                 ", ".join(os.path.basename(n) for n in pool.noise_names)),
+             "- **Mixtures:** %d per SNR, %.1f s each, 48 kHz: speech of the %s speakers "
+             "(%d files), one of %d %s noise files (%s) per mixture, the same utterance, "
+             "noise segment and level at every SNR.%s" % (
+                 args.count, args.seconds, SPLIT_NAMES[args.split], len(pool.speech),
+                 len(pool.noise), SPLIT_NAMES[args.split],
+                 ", ".join(os.path.basename(n) for n in pool.noise_names),
+                 " Neither the training nor the model selection used these speakers or noise "
+                 "files." if args.split == "eval" else " This is the validation split: "
+                 "figures for choosing weights, not for reporting."),
              "- **Weights:** DFN table %s; suppressor model %s." % (
                  "`%s`" % args.dfn_table if args.dfn_table else "compiled in",
                  "`%s`" % args.suppressor if args.suppressor else "compiled in"),

@@ -12,8 +12,8 @@ A training sequence (default 60 s) is built as
 - noise track: pieces of 3-20 s, each normalised to unit power, with 20 ms cross-fades; a
   piece is a random noise file (random offset, looped when short), or, in training sets,
   25 % of the time generated noise (white, pink, brown, mains hum, fan) and 15 % babble of
-  the split's speakers (training/mixing.py);
-- in training sets 30 % of the utterances are played in a simulated room
+  the split's speakers (training/mixing.py; --generated, --babble);
+- in training sets 30 % (--room) of the utterances are played in a simulated room
   (mixing.room_response); the clean track, and so the target gains, keep the dry speech;
 - segments of 4-15 s, each with its own SNR (uniform -5..25 dB against the speech level),
   10 % of them clean-only (no noise) and 10 % noise-only (no utterance starts there);
@@ -60,6 +60,9 @@ RECORD = 89
 LABEL_BELOW_LEVEL_DB = 20.0
 LABEL_HANGOVER = 10
 GAP_LEVEL_DB = -100.0
+# Fractions of the training sets' utterances played in a room, and of their noise pieces that
+# are generated noise or babble (--room, --generated, --babble).
+AUGMENT = {"room": 0.3, "generated": 0.25, "babble": 0.15}
 ACTIVE_WITHIN_DB = 40.0
 TOOL = "quelora_rnn_features"
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -125,7 +128,7 @@ def speech_track(rng, speech, n, level_db, mute, reverb=False):
         if mute[pos]:
             continue
         raw[pos:pos + s.size] = s
-        if reverb and rng.random() < 0.3:
+        if reverb and rng.random() < AUGMENT["room"]:
             w = scipy.signal.fftconvolve(s, mixing.room_response(rng)[0])[:n - pos]
             wet[pos:pos + w.size] += w
         else:
@@ -137,9 +140,9 @@ def speech_track(rng, speech, n, level_db, mute, reverb=False):
 
 def noise_piece(rng, noise, speech, size, extras):
     u = rng.random() if extras else 0.0
-    if u >= 0.85:
+    if u >= 1.0 - AUGMENT["babble"]:
         return mixing.babble(rng, speech, size).astype(np.float64)
-    if u >= 0.6:
+    if u >= 1.0 - AUGMENT["babble"] - AUGMENT["generated"]:
         kind = mixing.GENERATED[rng.integers(len(mixing.GENERATED))]
         return mixing.generated_noise(rng, size, kind).astype(np.float64)
     v = noise[rng.integers(len(noise))]
@@ -249,6 +252,7 @@ def records(tool, noisy, clean, model=None, workdir=None):
 
 
 def build_set(args):
+    AUGMENT.update(room=args.room, generated=args.generated, babble=args.babble)
     tool = feature_tool(args.tool)
     rng = np.random.default_rng(args.seed)
     t0 = time.time()
@@ -293,6 +297,12 @@ def main():
     ap.add_argument("--tmp", default=None, help="folder for the raw intermediate files")
     ap.add_argument("--split", choices=mixing.SPLITS, default="train",
                     help="whose speech and noise to mix (val: the validation set of train.py)")
+    ap.add_argument("--room", type=float, default=AUGMENT["room"],
+                    help="fraction of utterances in a simulated room (training sets)")
+    ap.add_argument("--generated", type=float, default=AUGMENT["generated"],
+                    help="fraction of noise pieces that are generated noise (training sets)")
+    ap.add_argument("--babble", type=float, default=AUGMENT["babble"],
+                    help="fraction of noise pieces that are babble (training sets)")
     ap.add_argument("--seed", type=int, default=1)
     build_set(ap.parse_args())
 
