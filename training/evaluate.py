@@ -268,7 +268,7 @@ def main():
              " samples. arnndn as FFmpeg runs it sees its float samples as they come, which "
              "its network weighs like a 16-bit signal 31 dB quieter than ours sees; the rows "
              "marked 16-bit level raise its input by those 31 dB (and lower the output back), "
-             "as the models' own training had it" if results[2:]
+             "as the models' own training had it." if results[2:]
              else "- **Scores:** SI-SDR of each whole system's output against the clean speech "
                   "(latency removed); improvement = output minus input.",
              "", "## SI-SDR improvement (dB)", "",
