@@ -165,14 +165,19 @@ def plot(path, snrs, rows):
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
 
-    fig, ax = plt.subplots(figsize=(7.5, 4.5), dpi=110)
+    fig, ax = plt.subplots(figsize=(9.5, 4.8), dpi=110)
+    colours = {}
     for name, imp, style in rows:
-        ax.plot(snrs, imp, style, label=name, linewidth=2 if style.startswith("-o") else 1.2)
+        # One colour per model, dashed as FFmpeg runs it and dotted at the 16-bit level.
+        key = name.split(" (")[0]
+        colour = colours.setdefault(key, "C%d" % len(colours))
+        ax.plot(snrs, imp, style, label=name, color="k" if name == "noisy input" else colour,
+                linewidth=2 if style.startswith("-o") or style.startswith("-s") else 1.2)
     ax.set_xlabel("input SNR (dB)")
     ax.set_ylabel("SI-SDR improvement (dB)")
     ax.set_xticks(snrs)
     ax.grid(alpha=0.3)
-    ax.legend(fontsize=8)
+    ax.legend(fontsize=8, loc="upper left", bbox_to_anchor=(1.01, 1.0))
     ax.set_title("Held-out speakers and noise, 48 kHz")
     fig.tight_layout()
     fig.savefig(path)
@@ -293,7 +298,7 @@ def main():
     with open(args.report, "w") as f:
         f.write("\n".join(lines))
     styles = ["-o", "-s"] + ["--"] * len(community) + [":"] * len(community)
-    plot(args.plot, snrs, [("noisy input", [0.0] * len(snrs), ":k")] +
+    plot(args.plot, snrs, [("noisy input", [0.0] * len(snrs), ":")] +
          [(name, imp, st) for (name, out, imp), st in zip(table, styles)])
     print("\n".join(lines))
 
