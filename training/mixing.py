@@ -115,10 +115,10 @@ def random_filter(rng, x):
 def shaped_noise(rng, n, slope_db_per_octave):
     """Gaussian noise with a power slope in dB per octave (0 white, -3 pink, -6 brown),
     flat below 20 Hz so that brown noise has no infinite bass."""
-    spec = rng.standard_normal(n // 2 + 1) + 1j * rng.standard_normal(n // 2 + 1)
+    spectrum = rng.standard_normal(n // 2 + 1) + 1j * rng.standard_normal(n // 2 + 1)
     f = np.maximum(np.fft.rfftfreq(n, 1.0 / SAMPLE_RATE), 20.0)
-    spec *= (f / 1000.0) ** (slope_db_per_octave / 20.0 / math.log10(2.0))
-    return np.fft.irfft(spec, n).astype(np.float32)
+    spectrum *= (f / 1000.0) ** (slope_db_per_octave / 20.0 / math.log10(2.0))
+    return np.fft.irfft(spectrum, n).astype(np.float32)
 
 
 def generated_noise(rng, n, kind):

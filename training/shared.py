@@ -7,6 +7,7 @@
   into place, so that an interrupted run never leaves half a checkpoint, and a resumed run
   continues the same stream of examples and the same learning-rate curve.
 - `learning_rate(step, sched)`: warm-up and cosine over the run's planned total steps.
+- `keep_best`: the exported weights with the lowest validation loss of a run.
 - `roc_auc(score, label)`: the voice probability's score, in training and in the evaluation.
 - `split_noise(data)`: the noise files of the data folder split into training and held-out
   files, 20 % of each subfolder held out with a fixed seed. Every network is trained and scored
@@ -73,6 +74,21 @@ def learning_rate(step, sched):
     span = max(1, sched["total"] - sched["warmup"])
     p = min(1.0, (step - sched["warmup"]) / span)
     return sched["lr_min"] + (sched["lr"] - sched["lr_min"]) * 0.5 * (1.0 + math.cos(math.pi * p))
+
+
+def keep_best(out, loss, state):
+    """After a trainer wrote its latest weights to <out>.last: copies them over `out` when
+    `loss` is the lowest validation loss of the run so far (always when loss is None, a run
+    without validation). Returns whether it did."""
+    import shutil
+
+    best = loss is None or loss < state["best"]
+    if best:
+        if loss is not None:
+            state["best"] = loss
+        shutil.copyfile(out + ".last", out + ".tmp")
+        os.replace(out + ".tmp", out)
+    return best
 
 
 def save_checkpoint(path, model, opt, state, rng):

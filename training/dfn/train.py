@@ -26,7 +26,6 @@ validation loss so far (the validation split's speakers and noise, 32 fixed exam
 
 import argparse
 import os
-import shutil
 import sys
 import time
 
@@ -110,9 +109,9 @@ def multi_resolution_loss(model, out, clean):
 
 def losses(model, noisy, clean, mr_weight):
     out = model(noisy)
-    spec = spectral_loss(model, out, clean)
+    frame_term = spectral_loss(model, out, clean)
     mr = multi_resolution_loss(model, out, clean) if mr_weight > 0 else torch.zeros(())
-    return spec + mr_weight * mr, spec, mr
+    return frame_term + mr_weight * mr, frame_term, mr
 
 
 # ---- optimiser ----------------------------------------------------------------------------
@@ -188,11 +187,7 @@ def export(model, mixer, state, args, val):
     weight_table.export(model, args.out + ".last.tmp")
     os.replace(args.out + ".last.tmp", args.out + ".last")
     model.train()
-    best = loss < state["best"]
-    if best:
-        state["best"] = loss
-        shutil.copyfile(args.out + ".last", args.out + ".tmp")
-        os.replace(args.out + ".tmp", args.out)
+    best = shared.keep_best(args.out, loss, state)
     state["history"].append((state["step"], loss))
     print("step %d: validation loss %.4f%s" % (state["step"], loss,
                                                 "  (best: %s)" % args.out if best else ""),
@@ -276,7 +271,7 @@ def main():
             g["lr"] = shared.learning_rate(state["step"], sched)
         n = frames(rng.uniform(args.min_seconds, args.max_seconds))
         noisy, clean = make_batch(rng, mixer, args.batch, n)
-        loss, spec, mr = losses(model, noisy, clean, sched["mr_weight"])
+        loss, frame_term, mr = losses(model, noisy, clean, sched["mr_weight"])
         opt.zero_grad(set_to_none=True)
         loss.backward()
         norm = torch.nn.utils.clip_grad_norm_(model.parameters(), args.clip)
@@ -285,7 +280,7 @@ def main():
         state["step"] += 1
         state["audio_s"] += args.batch * n / SAMPLE_RATE
         session_audio += args.batch * n / SAMPLE_RATE
-        acc += (float(loss), float(spec), float(mr), float(norm))
+        acc += (float(loss), float(frame_term), float(mr), float(norm))
         acc_n += 1
 
         now = time.time()
@@ -299,12 +294,10 @@ def main():
             acc_n = 0
             last_log = now
         if now - last_save >= args.save_minutes * 60.0:
-            shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
             export(model, mixer, state, args, val)
             shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
             last_save = time.time()
 
-    shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
     export(model, mixer, state, args, val)
     shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
     total = time.time() - start

@@ -29,7 +29,6 @@ the model with the lowest validation loss so far (with --val), <out>.last the la
 
 import argparse
 import os
-import shutil
 import sys
 import time
 
@@ -125,14 +124,11 @@ def export(model, state, args, val):
     twin.export(model, args.out + ".last.tmp")
     os.replace(args.out + ".last.tmp", args.out + ".last")
     if val is None:
-        shutil.copyfile(args.out + ".last", args.out)
+        shared.keep_best(args.out, None, state)
         return
     # Scored on the exported (quantised) weights, as the library will run them.
     res = validate(twin.load(args.out + ".last"), val)
-    best = res[0] < state["best"]
-    if best:
-        state["best"] = res[0]
-        shutil.copyfile(args.out + ".last", args.out)
+    best = shared.keep_best(args.out, res[0], state)
     state["history"].append((state["step"],) + res)
     print("step %d: validation loss %.4f (gains %.4f, voice %.4f), AUC %.4f%s" % (
         (state["step"],) + res + ("  (best: %s)" % args.out if best else "",)), flush=True)
@@ -235,12 +231,10 @@ def main():
             acc_n = 0
             last_log = now
         if now - last_save >= args.save_minutes * 60.0:
-            shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
             export(model, state, args, val)
             shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
             last_save = time.time()
 
-    shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
     export(model, state, args, val)
     shared.save_checkpoint(args.checkpoint, model, opt, state, rng)
     total = time.time() - start
