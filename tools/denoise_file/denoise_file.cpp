@@ -10,6 +10,7 @@
 // frame is dropped) and is aligned with it: the canceller's latency is
 // removed by running silence through after the signal. --voice V.f32
 // receives the suppressor's voice probability, one value per frame.
+#include "common/flag_values.h"
 #include "denoise/dfn_weight_layout.h"
 #include "denoise/noise_canceller.h"
 #include "denoise/rnn_suppressor.h"
@@ -45,18 +46,13 @@ struct options {
 
 options parse_options(int argc, char** argv) {
     options o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc) usage("missing value after " + arg);
-        std::string* target = arg == "--canceller" ? &o.canceller
-                              : arg == "--weights" ? &o.weights
-                              : arg == "--in"      ? &o.in
-                              : arg == "--out"     ? &o.out
-                              : arg == "--voice"   ? &o.voice
-                                                   : nullptr;
-        if (!target) usage("unknown option " + arg);
-        *target = argv[++i];
-    }
+    quelora::tools::parse_flag_values(argc, argv,
+                                      {{"--canceller", &o.canceller},
+                                       {"--weights", &o.weights},
+                                       {"--in", &o.in},
+                                       {"--out", &o.out},
+                                       {"--voice", &o.voice}},
+                                      usage);
     if (o.canceller != "dfn" && o.canceller != "suppressor") {
         usage("--canceller must be dfn or suppressor");
     }

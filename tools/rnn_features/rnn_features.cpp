@@ -16,6 +16,8 @@
 // by 32768 as the library does; a last partial frame is dropped.
 #include "denoise/rnn_suppressor.h"
 
+#include "common/flag_values.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -46,17 +48,10 @@ struct options {
 
 options parse_options(int argc, char** argv) {
     options o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc) usage("missing value after " + arg);
-        std::string* target = arg == "--noisy"   ? &o.noisy
-                              : arg == "--clean" ? &o.clean
-                              : arg == "--model" ? &o.model
-                              : arg == "--out"   ? &o.out
-                                                 : nullptr;
-        if (!target) usage("unknown option " + arg);
-        *target = argv[++i];
-    }
+    quelora::tools::parse_flag_values(
+        argc, argv,
+        {{"--noisy", &o.noisy}, {"--clean", &o.clean}, {"--model", &o.model}, {"--out", &o.out}},
+        usage);
     if (o.noisy.empty() || o.clean.empty() || o.out.empty()) {
         usage("--noisy, --clean and --out are required");
     }
